@@ -1,0 +1,7 @@
+#pragma once
+
+/// The self-test role's three steps.
+
+void createTestFile();
+void testMoveFile();
+void testInstantVersion();

@@ -1,0 +1,1 @@
+#include "ipc/packet.h"

@@ -1,0 +1,1 @@
+#include "osx/job_files.h"

@@ -1,0 +1,104 @@
+#pragma once
+
+/// The seam to the operating system: the whole list of what the program needs from it beyond
+/// POSIX. Everything above this header is the same source on every system; each system has one
+/// folder beside this file that implements every declaration here and nothing else.
+///
+/// No function here logs and none throws anything but `std::bad_alloc`. Decisions stay above the
+/// seam: a function converts its arguments, makes the system's call and converts the answer back.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+/// A platform string: UTF-8 bytes, or nil (`std::nullopt`).
+using nil_string = std::optional<std::string>;
+
+/// Hands over the argument list before anything else is asked. macOS keeps its own copy and
+/// ignores the call; Linux reads the start options from it. The vector must outlive the process's
+/// use of options. Call once, on the main thread, before other threads exist.
+void set_arguments(int argc, char** argv);
+
+/// The start option `key` (without its minus sign) as a boolean; false when absent.
+/// macOS: `NSUserDefaults boolForKey:`. Linux: the pair `-key value` read as that class's argument
+/// domain reads it.
+bool bool_option(const char* key);
+
+/// The start option `key` as a string; nil when absent. macOS: `NSUserDefaults stringForKey:`.
+nil_string string_option(const char* key);
+
+/// A scope in which the system's temporary objects are collected: `NSAutoreleasePool` on macOS,
+/// nothing on Linux. Pools nest; one belongs to the thread that made it.
+class autorelease_pool {
+ public:
+  autorelease_pool();
+  ~autorelease_pool();
+  autorelease_pool(const autorelease_pool&) = delete;
+  autorelease_pool& operator=(const autorelease_pool&) = delete;
+
+ private:
+  void* pool_;
+};
+
+/// Blocks the main thread in the system's run loop (`CFRunLoopRun`); on Linux for ever. Returns
+/// only when the system ends the loop.
+void run_main_loop();
+
+/// The path of the running executable as the system keeps it (`_NSGetExecutablePath`,
+/// `/proc/self/exe`), links not resolved; nil when the system cannot tell.
+nil_string executable_path();
+
+/// The calling security session: `SessionGetInfo(callerSecuritySession)` on macOS. On Linux the id
+/// is `XDG_SESSION_ID` (0 when unset or no number) and bit 0x10 is set when `XDG_SESSION_TYPE` is
+/// "x11" or "wayland". Both are 0 when the system cannot tell.
+struct security_session {
+  std::uint32_t id;
+  std::uint32_t attributes;
+};
+security_session calling_security_session();
+
+/// The bit of `security_session::attributes` that says the session has the graphical display.
+inline constexpr std::uint32_t kSessionHasGraphicAccess = 0x10;
+
+/// The product version text, for example "10.11.6": the string "ProductVersion" of the dictionary
+/// in /System/Library/CoreServices/SystemVersion.plist. Nil when the file cannot be read or
+/// parsed, holds no dictionary, or has no such string. The file is read anew at each call.
+nil_string product_version();
+
+/// The older version selectors: `Gestalt` on macOS for 'sys1', 'sys2', 'sys3'. Returns true and
+/// fills `value` where the system answers; else `value` is unchanged. Linux answers none.
+bool older_version_selector(std::uint32_t selector, int& value);
+
+/// The kernel's number of the calling thread (`pthread_mach_thread_np`, `gettid`).
+std::uint64_t thread_number();
+
+/// The outcome of a file-manager operation: whether it succeeded, and if not the system's own
+/// description of the failure (`localizedDescription`), nil when the system gave none.
+struct file_outcome {
+  bool ok;
+  nil_string description;
+};
+
+/// Makes the folder `path` with permission bits `mode`, whatever the umask, and every missing
+/// folder above it (those with 0755 on Linux). A folder that exists already counts as success and
+/// keeps its mode; any other entry at the path is a failure.
+file_outcome create_folder(const std::string& path, mode_t mode);
+
+/// Copies the file or tree `from` to `to`, which must not exist yet while its parent folder does.
+/// Links are copied as links, permission bits are kept.
+file_outcome copy_item(const std::string& from, const std::string& to);
+
+/// Sets permission bits, owner and group of one item; the accounts are named. Follows a link.
+file_outcome set_attributes(const std::string& path, mode_t mode, const char* owner,
+                            const char* group);
+
+/// Every entry below the folder `path`, as paths relative to it, a folder before what it holds.
+/// Links are listed and not followed. Empty when the folder cannot be read.
+std::vector<std::string> subpaths(const std::string& path);
+
+}  // namespace platform
