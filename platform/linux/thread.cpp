@@ -4,6 +4,8 @@
 
 namespace platform {
 
-std::uint64_t thread_number() { return static_cast<std::uint64_t>(::gettid()); }
+std::uint64_t thread_number() {
+  return static_cast<std::uint64_t>(::gettid());
+}
 
 }  // namespace platform
