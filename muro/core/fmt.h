@@ -1,18 +1,31 @@
 #pragma once
 
-/// Message templates with numbered placeholders. "%1%" is the first argument, "%2%" the second;
-/// "%%" is one "%". What is no complete placeholder stays text: "50% off", "a%1", "%12x".
+/// Message templates with numbered placeholders: "%1%" stands for the first argument, "%2%" for
+/// the second; "%%" is one "%". What is no complete placeholder stays text.
+///
+///     template   "Moved %1% to %2%, 100%% done"
+///     pieces     "Moved " [1] " to " [2] ", 100% done"      literal, slot, literal, slot, literal
+///
+/// Also here: joining values into one string and reading a number from one. Numbers are written
+/// and read in the "C" locale, whatever locale the process has set, so that a log line or a file
+/// name never depends on it. Nothing here throws but `std::bad_alloc` and what a value's own
+/// `operator<<` throws.
 
+#include <charconv>
+#include <cstddef>
 #include <cstring>
-#include <map>
+#include <locale>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace muro {
 
-/// A number kept as its bytes in host order; its text is the unsigned decimal value.
-/// Deliberate: no byte swap is done, whatever `Little` says.
+/// An integer kept as its bytes in host order, without alignment; its text is the unsigned decimal
+/// value of the bytes. Deliberate: no byte swap is done, whatever `Little` says.
 template <class T, bool Little>
 struct raw_endian {
   unsigned char bytes[sizeof(T)];
@@ -26,7 +39,90 @@ struct raw_endian {
   }
 };
 
-/// A parsed template and the arguments added so far. A plain value; one thread at a time.
+/// How a value becomes text. The kinds that messages are made of are appended to a string without
+/// a stream; every other kind goes through one. Both roads give the same characters, except that a
+/// null `const char*` is "(null)" here and no character array is read past its end.
+namespace conversion {
+
+template <class T, class... Kinds>
+inline constexpr bool is_one_of = (std::is_same_v<T, Kinds> || ...);
+
+template <class T>
+inline constexpr bool is_char_array =
+    std::is_array_v<T>&& std::is_same_v<std::remove_cv_t<std::remove_extent_t<T>>, char>;
+
+template <class T>
+inline constexpr bool is_text =
+    is_one_of<T, std::string, std::string_view, const char*, char*> || is_char_array<T>;
+
+template <class T>
+inline constexpr bool is_integer = is_one_of<T, short, unsigned short, int, unsigned, long,
+                                             unsigned long, long long, unsigned long long>;
+
+template <class T>
+inline constexpr bool is_raw_endian = false;
+template <class T, bool Little>
+inline constexpr bool is_raw_endian<raw_endian<T, Little>> = true;
+
+/// Converted without a stream.
+template <class T>
+inline constexpr bool is_simple =
+    is_text<T> || is_integer<T> || is_raw_endian<T> || is_one_of<T, bool, char>;
+
+template <class T>
+std::string_view text_of(const T& value) {
+  if constexpr (is_char_array<T>) {
+    const void* end = std::memchr(value, 0, sizeof value);
+    return {value, end != nullptr ? std::strlen(value) : sizeof value};
+  } else if constexpr (std::is_pointer_v<T>) {
+    return value != nullptr ? std::string_view(value) : std::string_view("(null)");
+  } else {
+    return value;
+  }
+}
+
+template <class T>
+void append_integer(std::string& out, T value) {
+  char digits[24];
+  out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+}
+
+template <class T, bool Little>
+void append_integer(std::string& out, const raw_endian<T, Little>& value) {
+  append_integer(out, static_cast<unsigned long long>(
+                          static_cast<std::make_unsigned_t<T>>(static_cast<T>(value))));
+}
+
+template <class T>
+void append(std::string& out, const T& value) {
+  if constexpr (is_text<T>) {
+    out += text_of(value);
+  } else if constexpr (std::is_same_v<T, char>) {
+    out += value;
+  } else if constexpr (std::is_same_v<T, bool>) {
+    out += value ? '1' : '0';
+  } else {
+    append_integer(out, value);
+  }
+}
+
+template <class T>
+void write(std::ostream& out, const T& value) {
+  if constexpr (is_text<T>) {
+    out << text_of(value);
+  } else if constexpr (is_raw_endian<T>) {
+    std::string digits;
+    append_integer(digits, value);
+    out << digits;
+  } else {
+    out << value;
+  }
+}
+
+}  // namespace conversion
+
+/// A parsed template and the arguments added so far. A plain value that owns its strings; one
+/// thread at a time.
 class fmt {
  public:
   explicit fmt(const std::string& tmpl);
@@ -35,30 +131,70 @@ class fmt {
   /// not occur is ignored.
   void add(const std::string& value);
 
-  /// Adds `value` converted by an output stream. `fill` 0 and `width` 0 mean plain conversion.
-  /// A null `const char*` is added as "(null)"; a bool as "1" or "0".
+  /// Adds `value` as text: strings as they are, a null `const char*` as "(null)", numbers in
+  /// decimal, a bool as "1" or "0", all else as an output stream writes it. `fill` and `width`
+  /// other than 0 are the stream's: right-aligned, padded with `fill` (a blank when 0).
   template <class T>
-  void _add_arg(const T& value, char fill, unsigned char width);
+  void _add_arg(const T& value, char fill, unsigned char width) {
+    if constexpr (conversion::is_simple<T>) {
+      if (fill == 0 && width == 0) {
+        std::string plain;
+        conversion::append(plain, value);
+        return add_moved(std::move(plain));
+      }
+    }
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    if (fill != 0) out.fill(fill);
+    if (width != 0) out.width(width);
+    conversion::write(out, value);
+    add_moved(out.str());
+  }
 
-  /// The filled text; a placeholder never added is empty.
+  /// The filled text. A placeholder whose number was never added is empty; so is "%0%", and one
+  /// whose number is above the largest 32-bit int.
   std::string str() const;
 
  private:
-  std::vector<std::string> pieces_;
-  std::map<int, std::vector<std::size_t>> slots_by_number_;
+  struct slot {
+    int number;
+    std::size_t piece;
+  };
+
+  void add_placeholder(std::string& literal, std::string& digits);
+  void add_moved(std::string&& value);
+
+  std::vector<std::string> pieces_;  // literal, slot, literal, ..., literal
+  std::vector<slot> slots_;          // in template order
   unsigned next_arg_ = 0;
 };
 
-/// Writes every argument to one output stream, without separators, and returns the text.
+/// Joins the arguments without separators, each as an output stream writes it; a null
+/// `const char*` is "(null)".
 template <class... Args>
 std::string stringify(const Args&... args) {
-  std::ostringstream out;
-  (out << ... << args);
-  return out.str();
+  if constexpr ((conversion::is_simple<Args> && ...)) {
+    std::string out;
+    (conversion::append(out, args), ...);
+    return out;
+  } else {
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    (conversion::write(out, args), ...);
+    return out.str();
+  }
 }
 
-/// Reads a number from the front of `s` as an input stream does; what is no number gives 0.
+/// Reads a decimal number from the front of `s` as an input stream does: leading blanks are
+/// skipped, reading ends at the first character that is no part of the number. What is no number
+/// gives 0, one that does not fit gives the nearest limit.
 template <class T>
-T destringify(const std::string& s);
+T destringify(const std::string& s) {
+  std::istringstream in(s);
+  in.imbue(std::locale::classic());
+  T value{};
+  in >> value;
+  return value;
+}
 
 }  // namespace muro

@@ -1,0 +1,84 @@
+#include "muro/core/fmt.h"
+
+namespace muro {
+
+namespace {
+
+bool is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+/// 0, which no argument ever has, for a number too large for an int.
+int placeholder_number(const std::string& digits) {
+  int number = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return number;
+}
+
+}  // namespace
+
+fmt::fmt(const std::string& tmpl) {
+  enum { text, percent, number } state = text;
+  std::string literal, digits;
+  for (const char c : tmpl) {
+    if (state == text) {
+      if (c == '%') {
+        state = percent;
+      } else {
+        literal += c;
+      }
+    } else if (is_digit(c)) {
+      digits += c;
+      state = number;
+    } else if (state == number && c == '%') {
+      add_placeholder(literal, digits);
+      state = text;
+    } else {
+      // "%%" is one "%"; any other "%", with the digits after it, was no placeholder.
+      if (state == number || c != '%') literal += '%';
+      literal += digits;
+      literal += c;
+      digits.clear();
+      state = text;
+    }
+  }
+  if (state != text) literal += '%';
+  pieces_.push_back(std::move(literal += digits));
+}
+
+void fmt::add_placeholder(std::string& literal, std::string& digits) {
+  pieces_.push_back(std::move(literal));
+  slots_.push_back({placeholder_number(digits), pieces_.size()});
+  pieces_.emplace_back();
+  literal.clear();
+  digits.clear();
+}
+
+void fmt::add(const std::string& value) {
+  add_moved(std::string(value));
+}
+
+void fmt::add_moved(std::string&& value) {
+  const int number = static_cast<int>(++next_arg_);
+  std::string* first = nullptr;
+  for (const slot& s : slots_) {
+    if (s.number != number) continue;
+    std::string& piece = pieces_.at(s.piece);
+    if (first == nullptr) {
+      first = &(piece = std::move(value));
+    } else {
+      piece = *first;
+    }
+  }
+}
+
+std::string fmt::str() const {
+  std::size_t size = 0;
+  for (const std::string& piece : pieces_) size += piece.size();
+  std::string result;
+  result.reserve(size);
+  for (const std::string& piece : pieces_) result += piece;
+  return result;
+}
+
+}  // namespace muro
