@@ -1,0 +1,230 @@
+#include "netbuf/buffer.h"
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+
+namespace netbuf_imp {
+namespace {
+
+constexpr std::int32_t everything = std::numeric_limits<std::int32_t>::max();
+constexpr std::size_t view_count_to_compact = 129;
+constexpr std::int32_t largest_growth_chunk = 1048576;
+
+}  // namespace
+
+buffer::buffer(const buffer& other, std::int32_t offset, std::int32_t length) {
+  offset = std::max(offset, 0);
+  if (length < 1 || offset >= other.total_) return;
+  length = std::min(length, other.total_ - offset);
+
+  std::size_t first = 0;
+  while (offset >= other.views_[first].length()) offset -= other.views_[first++].length();
+
+  for (std::size_t i = first; total_ < length; ++i) {
+    views_.make_room(1);
+    view shared = other.views_[i];
+    if (i == first) shared.shrink(offset, end::front);
+    const std::int32_t surplus = shared.length() - (length - total_);
+    if (surplus > 0) shared.shrink(surplus, end::back);
+    total_ += shared.length();
+    views_.push(std::move(shared), end::back);
+  }
+}
+
+void buffer::refuse_beyond_limit(std::int32_t more) const {
+  if (more > everything - total_) throw std::length_error("netbuf: too long");
+}
+
+void buffer::add(const buffer& other, end where) {
+  refuse_beyond_limit(other.total_);
+  const std::int32_t added = other.total_;
+  const std::size_t count = other.views_.size();
+  views_.make_room(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    // At the front the last view goes first; in a buffer added to itself it stays the last.
+    const std::size_t from =
+        where == end::back ? i : other.views_.size() - 1 - (&other == this ? 0 : i);
+    views_.push(view(other.views_[from]), where);
+  }
+  total_ += added;
+}
+
+void buffer::add_memory(char* memory, std::int32_t length, end where, access rights,
+                        release_function release, void* context) {
+  if (length < 1) {
+    if (release != nullptr) release(context);
+    return;
+  }
+  refuse_beyond_limit(length);
+  views_.make_room(1);
+  views_.push(view(new cchunk(memory, length, rights, release, context), 0, length), where);
+  total_ += length;
+}
+
+void buffer::take(buffer& other, end where) {
+  if (&other == this) return;
+  refuse_beyond_limit(other.total_);
+  views_.make_room(other.views_.size());
+  const end from = where == end::back ? end::front : end::back;
+  while (!other.views_.empty()) {
+    views_.push(std::move(other.views_.at(from)), where);
+    other.views_.pop(from);
+  }
+  total_ += std::exchange(other.total_, 0);
+}
+
+// Bounds the number of views, and with it the size of the next chunk.
+void buffer::compact() {
+  if (views_.size() >= view_count_to_compact) gather(views_.size(), total_);
+}
+
+// Puts the first `count` views, `length` bytes together, into one new chunk.
+void buffer::gather(std::size_t count, std::int32_t length) {
+  view joined(new nchunk(length), 0, length);
+  copy_range(joined.grow(0, end::front), 0, length);
+  while (count-- > 0) views_.pop(end::front);
+  views_.push(std::move(joined), end::front);
+}
+
+// The bytes that the end view may grow by where it stands.
+std::int32_t buffer::room(end where) {
+  if (views_.empty()) return 0;
+  const view& last = views_.at(where);
+  return where == end::back ? last.room_behind() : last.room_before();
+}
+
+char* buffer::grow_end_view(std::int32_t n, end where) noexcept {
+  total_ += n;
+  return views_.at(where).grow(n, where);
+}
+
+// The room that the new chunk has beyond `n` lies where the next growth at this end wants it.
+char* buffer::grow_by_new_view(chunk* made, std::int32_t n, end where) noexcept {
+  total_ += n;
+  view added(made, where == end::back ? 0 : made->capacity() - n, n);
+  char* start = made->memory() + added.offset();
+  views_.push(std::move(added), where);
+  return start;
+}
+
+// The chunk for `n` more bytes in a buffer that holds `total` bytes then.
+std::int32_t buffer::new_chunk_size(std::int32_t n, std::int32_t total) const {
+  const auto count = static_cast<std::int32_t>(views_.size());
+  return std::max(n, std::min(count * 128 + total / 4 + 128, largest_growth_chunk));
+}
+
+char* buffer::allocate(std::int32_t n, end where) {
+  if (n < 1) return nullptr;
+  refuse_beyond_limit(n);
+  compact();
+  if (room(where) >= n) return grow_end_view(n, where);
+  views_.make_room(1);
+  return grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
+}
+
+char* buffer::allocate_some(std::int32_t minimum, std::int32_t maximum, end where,
+                            std::int32_t* length) {
+  *length = 0;
+  if (minimum < 1) return nullptr;
+  refuse_beyond_limit(minimum);
+  maximum = std::clamp(maximum, minimum, std::max(minimum, everything - total_));
+  compact();
+  const std::int32_t there = room(where);
+  if (there >= minimum) {
+    *length = std::min(there, maximum);
+    return grow_end_view(*length, where);
+  }
+  views_.make_room(1);
+  chunk* made = new nchunk(new_chunk_size(minimum, total_ + minimum));
+  *length = std::min(made->capacity(), maximum);
+  return grow_by_new_view(made, *length, where);
+}
+
+const char* buffer::pull_up(std::int32_t limit, std::int32_t* length) {
+  *length = 0;
+  if (views_.empty()) return nullptr;
+  if (views_.size() > 1) {
+    if (total_ <= limit) {
+      gather(views_.size(), total_);
+    } else if (views_[0].length() <= limit / 2) {
+      std::size_t count = 0;
+      std::int32_t gathered = 0;
+      while (count < views_.size() && gathered < limit && views_[count].length() <= limit / 2) {
+        gathered += views_[count++].length();
+      }
+      gather(count, gathered);
+    }
+  }
+  *length = views_[0].length();
+  return views_[0].data();
+}
+
+void buffer::erase(std::int32_t n, end where) noexcept {
+  if (n < 1) return;
+  if (n >= total_) {
+    views_.clear();
+    total_ = 0;
+    return;
+  }
+  total_ -= n;
+  while (n >= views_.at(where).length()) {
+    n -= views_.at(where).length();
+    views_.pop(where);
+  }
+  views_.at(where).shrink(n, where);
+}
+
+// Copies `n` bytes from `offset` on, all of which are there.
+void buffer::copy_range(char* dest, std::int32_t offset, std::int32_t n) const {
+  for (std::size_t i = 0; n > 0; ++i) {
+    const view& from = views_[i];
+    if (offset >= from.length()) {
+      offset -= from.length();
+      continue;
+    }
+    const std::int32_t part = std::min(n, from.length() - offset);
+    std::memcpy(dest, from.data() + offset, static_cast<std::size_t>(part));
+    dest += part;
+    n -= part;
+    offset = 0;
+  }
+}
+
+std::int32_t buffer::copy_out(char* dest, std::int32_t n, end where, after_copy then) {
+  if (n < 1) return 0;
+  n = std::min(n, total_);
+  copy_range(dest, where == end::front ? 0 : total_ - n, n);
+  if (then == after_copy::remove) erase(n, where);
+  return n;
+}
+
+std::int32_t buffer::find(char byte, std::int32_t n) const {
+  n = std::min(n, total_);
+  std::int32_t passed = 0;
+  for (std::size_t i = 0; passed < n; ++i) {
+    const view& in = views_[i];
+    const std::int32_t part = std::min(n - passed, in.length());
+    if (const void* hit = std::memchr(in.data(), byte, static_cast<std::size_t>(part))) {
+      return passed + static_cast<std::int32_t>(static_cast<const char*>(hit) - in.data());
+    }
+    passed += part;
+  }
+  return -1;
+}
+
+std::int32_t buffer::compare(const char* data, std::int32_t n) const {
+  if (n < 1) return 0;
+  const std::int32_t common = std::min(n, total_);
+  std::int32_t passed = 0;
+  for (std::size_t i = 0; passed < common; ++i) {
+    const view& in = views_[i];
+    const std::int32_t part = std::min(common - passed, in.length());
+    const int order = std::memcmp(in.data(), data + passed, static_cast<std::size_t>(part));
+    if (order != 0) return order < 0 ? -1 : 1;
+    passed += part;
+  }
+  return common < n ? -1 : 0;
+}
+
+}  // namespace netbuf_imp

@@ -1,0 +1,131 @@
+#include "netbuf/netbuf.h"
+
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "netbuf/operations.h"
+
+namespace {
+
+using netbuf_imp::end;
+
+template <class Result, class... Arguments>
+Result missing(Arguments...) {
+  throw std::logic_error("netbuf: no operation table is installed");
+}
+
+// Only entries that need no object can be reached before a table is installed.
+constexpr netbuf_imp::operations no_table() {
+  netbuf_imp::operations table{};
+  table.init_default = missing;
+  table.create = missing;
+  table.create_range = missing;
+  table.block_free = missing;
+  table.block_allocate = missing;
+  table.block_try_allocate = missing;
+  table.init_checking = missing;
+  table.init = missing;
+  return table;
+}
+
+constinit netbuf_imp::operations g_operations = no_table();
+constinit bool g_installed = false;
+
+constexpr std::size_t skipped_entry = 22;
+constexpr std::size_t first_after_skipped = skipped_entry + 1;
+
+}  // namespace
+
+const netbuf_imp::operations& netbuf_imp::installed_operations() {
+  return g_operations;
+}
+
+bool netbuf::install(void** table) {
+  if (g_installed || table == nullptr) return false;
+  // Deliberate: entry 22 is not copied.
+  void** installed = g_operations;
+  std::memcpy(installed, table, skipped_entry * sizeof(void*));
+  std::memcpy(installed + first_after_skipped, table + first_after_skipped,
+              (netbuf_imp::operation_count - first_after_skipped) * sizeof(void*));
+  g_installed = true;
+  return true;
+}
+
+void netbuf::init(const init_args& args) {
+  g_operations.init(args.memory_checking, args.caching);
+}
+
+netbuf::netbuf() : object_(g_operations.create()) {}
+
+netbuf::netbuf(const netbuf& other) : netbuf(other, 0, everything) {}
+
+netbuf::netbuf(netbuf&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+
+netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
+    : object_(other.object_ == nullptr ? g_operations.create()
+                                       : g_operations.create_range(other.object_, offset, length)) {
+}
+
+// The new content is there before the old one goes, so that a failure leaves the old one.
+netbuf& netbuf::operator=(const netbuf& other) {
+  if (this != &other) *this = netbuf(other);
+  return *this;
+}
+
+netbuf& netbuf::operator=(netbuf&& other) noexcept {
+  netbuf taken(std::move(other));
+  std::swap(object_, taken.object_);
+  return *this;
+}
+
+netbuf::~netbuf() {
+  if (object_ != nullptr) g_operations.destroy(object_);
+}
+
+void* netbuf::object() {
+  if (object_ == nullptr) object_ = g_operations.create();
+  return object_;
+}
+
+std::int32_t netbuf::size() const {
+  return object_ == nullptr ? 0 : g_operations.size(object_);
+}
+
+void netbuf::append(const netbuf& other) {
+  if (other.object_ != nullptr) g_operations.add(object(), other.object_, end::back);
+}
+
+void netbuf::append(const std::string& s) {
+  if (s.size() > static_cast<std::size_t>(everything)) throw std::length_error("netbuf: too long");
+  if (s.empty()) return;
+  std::memcpy(allocate_back(static_cast<std::int32_t>(s.size())), s.data(), s.size());
+}
+
+char* netbuf::allocate_back(std::int32_t n) {
+  return g_operations.allocate(object(), n, end::back);
+}
+
+char* netbuf::allocate_front(std::int32_t n) {
+  return g_operations.allocate(object(), n, end::front);
+}
+
+void netbuf::erase_front(std::int32_t n) {
+  if (object_ != nullptr) g_operations.erase(object_, n, end::front);
+}
+
+void netbuf::erase_back(std::int32_t n) {
+  if (object_ != nullptr) g_operations.erase(object_, n, end::back);
+}
+
+std::int32_t netbuf::copy_front(char* dest, std::int32_t n) const {
+  if (object_ == nullptr) return 0;
+  return g_operations.copy_out(object_, dest, n, end::front, netbuf_imp::after_copy::keep);
+}
+
+std::string netbuf::to_string() const {
+  std::int32_t length = 0;
+  const char* data =
+      object_ == nullptr ? nullptr : g_operations.pull_up(object_, everything, &length);
+  return data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(length));
+}
