@@ -1,0 +1,285 @@
+#include "muro/sys/files.h"
+
+#include <limits.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <initializer_list>
+
+#include "muro/core/exception.h"
+#include "muro/sys/errno_guard.h"
+#include "muro/sys/files_internal.h"
+#include "muro/sys/strings.h"
+#include "platform/platform.h"
+
+namespace muro {
+
+unsigned user_id_override = 0;
+
+namespace detail {
+
+constinit std::atomic<char* (*)(const char*, char*)> g_realpath{::realpath};
+constinit std::atomic<int (*)(DIR*)> g_closedir{::closedir};
+constinit std::set<std::string>* g_util_fs_set = nullptr;
+
+}  // namespace detail
+
+namespace {
+
+using detail::os_path;
+
+[[noreturn]] void fail(const char* function) {
+  const errno_guard keep;  // ends while the exception is already on its way
+  throw exception::function(function);
+}
+
+[[noreturn]] void fail(const char* function, const char* call, const std::string& path) {
+  const errno_guard keep;
+  throw exception::system_error_context(function, call, path);
+}
+
+bool is_dot_entry(const std::string& name) {
+  return name == "." || name == "..";
+}
+
+bool resolve(const std::string& path, std::string& resolved) {
+  char buffer[PATH_MAX];
+  if (detail::g_realpath.load()(os_path(path), buffer) == nullptr) return false;
+  resolved = buffer;
+  return true;
+}
+
+void append_component(std::string& folder, const std::string& name) {
+  if (!ends_with(folder, "/")) folder += '/';
+  folder += name;
+}
+
+/// Cuts `path` at the last `separator`; false when it holds none.
+bool cut_at_last(std::string& path, char separator) {
+  const std::size_t at = path.rfind(separator);
+  if (at == std::string::npos) return false;
+  path.erase(at);
+  return true;
+}
+
+void erase_through_last(std::string& path, char separator) {
+  const std::size_t at = path.rfind(separator);
+  if (at != std::string::npos) path.erase(0, at + 1);
+}
+
+}  // namespace
+
+std::string get_current_dir() {
+  char buffer[16383];
+  if (::getcwd(buffer, sizeof buffer) == nullptr) fail("get_current_dir");
+  return buffer;
+}
+
+std::string expand_filename(const std::string& path) {
+  std::string resolved;
+  if (resolve(path, resolved)) return resolved;
+  if (!starts_with(path, "/")) {
+    resolved = expand_filename(get_current_dir());
+    append_component(resolved, path);
+    return resolved;
+  }
+  // Climbs to the deepest ancestor that exists. A loop, because a path of nothing but separators
+  // and single letters would be a recursion of half its length.
+  std::vector<std::string> missing;
+  std::string existing = path;
+  do {
+    std::string parent = dirname(existing);
+    if (parent == existing) fail("expand_filename");
+    missing.push_back(basename(existing));
+    existing.swap(parent);
+  } while (!resolve(existing, resolved));
+  for (; !missing.empty(); missing.pop_back()) append_component(resolved, missing.back());
+  return resolved;
+}
+
+std::string dirname(std::string path) {
+  const bool absolute = starts_with(path, "/") || (path.size() >= 2 && path[1] == ':');
+  const bool had_slash = cut_at_last(path, '/');
+  const bool had_backslash = cut_at_last(path, '\\');
+  if (!had_slash && !had_backslash) return ".";
+  if (absolute && path.find_first_of("/\\") == std::string::npos) {
+    return path.empty() ? "/" : path + '\\';
+  }
+  return path;
+}
+
+std::string basename(std::string path) {
+  erase_through_last(path, '/');
+  erase_through_last(path, '\\');
+  return path;
+}
+
+void move_file(std::string from, std::string to) {
+  if (file_exists(to)) {
+    errno = EEXIST;
+    fail("move_file");
+  }
+  if (::rename(os_path(from), os_path(to)) != 0) fail("move_file");
+}
+
+bool file_exists(std::string path) {
+  struct stat status;
+  return ::stat(os_path(path), &status) == 0;
+}
+
+void set_executable(std::string path) {
+  struct stat status;
+  if (::stat(os_path(path), &status) != 0) fail("get_file_mode");
+  const mode_t mode = status.st_mode & 07777;
+  // Each class's execute bit lies two below its read bit.
+  const mode_t readable = mode & (S_IRUSR | S_IRGRP | S_IROTH);
+  if (::chmod(os_path(path), mode | readable >> 2) != 0) fail("set_executable");
+}
+
+void remove_directory(std::string path) {
+  if (::rmdir(os_path(path)) != 0) fail("remove_directory", "rmdir", path);
+}
+
+void delete_file(std::string path) {
+  if (::unlink(os_path(path)) != 0) fail("delete_file", "unlink", path);
+}
+
+namespace {
+
+bool is_folder_itself(const std::string& path) {
+  struct stat status;
+  if (::lstat(os_path(path), &status) != 0) fail("delete_recursive");
+  return S_ISDIR(status.st_mode);
+}
+
+/// Owns an open folder.
+class folder_stream {
+ public:
+  explicit folder_stream(const std::string& path) : stream_(::opendir(os_path(path))) {}
+  ~folder_stream() {
+    const errno_guard keep;
+    while (stream_ != nullptr && detail::g_closedir.load()(stream_) == -1 && errno == EINTR) {
+    }
+  }
+  folder_stream(const folder_stream&) = delete;
+  folder_stream& operator=(const folder_stream&) = delete;
+
+  /// The next entry's name; null at the end, on a failure and when the folder did not open. The
+  /// stream is this object's own, so plain `readdir` is safe on every thread; `readdir_r` is
+  /// deprecated, as no buffer is known to be long enough for every name.
+  const char* next() {
+    const dirent* const entry = stream_ != nullptr ? ::readdir(stream_) : nullptr;
+    return entry != nullptr ? entry->d_name : nullptr;
+  }
+
+ private:
+  DIR* stream_;
+};
+
+/// The names are taken before anything is deleted: a tree costs one descriptor whatever its depth,
+/// and no file system can lose its place in a folder that changes while it is read.
+std::vector<std::string> entry_names(const std::string& folder) {
+  std::vector<std::string> names;
+  folder_stream stream(folder);
+  while (const char* const name = stream.next()) {
+    if (!is_dot_entry(name)) names.emplace_back(name);
+  }
+  return names;
+}
+
+/// Deletes all that can be deleted in `folder`. Returns the `errno` of the last failure; 0: none.
+int delete_entries(const std::string& folder) {
+  int failed = 0;
+  for (const std::string& name : entry_names(folder)) {
+    try {
+      delete_recursive(folder + "/" + name);
+    } catch (...) {
+      failed = errno != 0 ? errno : EIO;
+    }
+  }
+  return failed;
+}
+
+}  // namespace
+
+void delete_recursive(std::string path) {
+  if (!is_folder_itself(path)) {
+    delete_file(path);
+    return;
+  }
+  const int failed = delete_entries(path);
+  remove_directory(path);
+  if (failed != 0) {
+    errno = failed;
+    fail("delete_recursive");
+  }
+}
+
+void find_files(std::vector<std::string>& out, const std::string& pattern) {
+  for (find_files_os found(pattern); found.next();) {
+    if (!is_dot_entry(found.path())) out.push_back(found.path());
+  }
+}
+
+find_files_os::find_files_os(const std::string& pattern) {
+  if (::glob(os_path(pattern), 0, nullptr, &result_) == 0) cursor_ = 0;
+}
+
+find_files_os::~find_files_os() {
+  const errno_guard keep;
+  ::globfree(&result_);
+}
+
+bool find_files_os::next() {
+  if (cursor_ < 0 || cursor_ >= static_cast<long>(result_.gl_pathc)) return false;
+  path_ = result_.gl_pathv[cursor_++];
+  return true;
+}
+
+namespace {
+
+/// The home folder that the user data base has for `uid`; false when it has no such user.
+bool home_of_user(uid_t uid, std::string& home) {
+  constexpr std::size_t kEnough = 1 << 20;
+  passwd entry;
+  passwd* found = nullptr;
+  std::vector<char> buffer(1024);
+  // The reentrant call, since any thread may be here.
+  while (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) == ERANGE &&
+         buffer.size() < kEnough) {
+    buffer.resize(buffer.size() * 2);
+  }
+  if (found == nullptr) return false;
+  home = found->pw_dir;
+  return true;
+}
+
+}  // namespace
+
+std::string user_dir() {
+  std::string home;
+  if (user_id_override != 0 && home_of_user(user_id_override, home)) return home;
+  for (const char* const variable : {"HOME", "TMPDIR"}) {
+    if (const char* const value = ::getenv(variable)) return value;
+  }
+  fail("_get_home_dir");
+}
+
+std::string detail::exe_path_from(const std::optional<std::string>& system_path) {
+  if (!system_path) fail("get_exe_path");
+  return expand_filename(*system_path);
+}
+
+std::string get_exe_path() {
+  return detail::exe_path_from(platform::executable_path());
+}
+
+void init_util_fs() {
+  if (detail::g_util_fs_set == nullptr) detail::g_util_fs_set = new std::set<std::string>;
+}
+
+}  // namespace muro

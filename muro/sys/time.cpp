@@ -1,0 +1,170 @@
+#include "muro/sys/time.h"
+
+#include <sys/times.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "muro/core/exception.h"
+#include "muro/sys/errno_guard.h"
+#include "muro/sys/thread.h"
+#include "muro/sys/time_internal.h"
+
+namespace muro {
+
+bool g_has_monotonic = false;
+
+namespace detail {
+
+namespace {
+
+clock_t system_ticks() {
+  tms unused;
+  return ::times(&unused);
+}
+
+int system_time_of_day(timeval* now) {
+  return ::gettimeofday(now, nullptr);
+}
+
+constexpr long kUsualTickRate = 100;
+
+}  // namespace
+
+constinit std::atomic<clock_t (*)()> g_tick_source{system_ticks};
+constinit std::atomic<int (*)(timeval*)> g_time_of_day{system_time_of_day};
+
+tick_clock::tick_clock(long ticks_per_second, clock_t first)
+    : ticks_per_second_(ticks_per_second > 0 ? ticks_per_second : kUsualTickRate), last_(first) {}
+
+long long tick_clock::advance(clock_t now) {
+  constexpr auto kFailed = static_cast<clock_t>(-1);
+  if (now == kFailed) return accumulated_ms_;
+  if (last_ == kFailed) last_ = now;
+  const auto delta = static_cast<long long>(now) - static_cast<long long>(last_);
+  last_ = now;
+  // Deliberate: the division is made call by call, so what is left below a millisecond is dropped
+  // each time instead of being carried to the next call.
+  if (delta > 0) accumulated_ms_ += delta * 1000 / ticks_per_second_;
+  return accumulated_ms_;
+}
+
+}  // namespace detail
+
+namespace {
+
+struct timer_state {
+  rec_mutex mutex;  // guards all below
+  detail::tick_clock ticks{::sysconf(_SC_CLK_TCK), detail::g_tick_source.load()()};
+  bool use_system_clock = true;
+  long long offset_ms = 0;
+};
+
+timer_state& timer() {
+  static timer_state* const state = new timer_state;
+  return *state;
+}
+
+}  // namespace
+
+long long relative_time() {
+  if (x_relative_time != nullptr) return x_relative_time();
+  timer_state& state = timer();
+  const rec_lock lock(state.mutex);
+  return state.ticks.advance(detail::g_tick_source.load()());
+}
+
+long long relative_time_t() {
+  return relative_time() / 1000;
+}
+
+long long absolute_system_time() {
+  if (x_absolute_system_time != nullptr) return x_absolute_system_time();
+  // Keeps the tick count current for a process that asks for nothing but the time of day.
+  if (!g_has_monotonic) relative_time();
+  timespec now;
+  clock_realtime(now);
+  return get_ms_from_ns(get_ns(now));
+}
+
+long long absolute_time() {
+  if (x_absolute_time != nullptr) return x_absolute_time();
+  timer_state& state = timer();
+  const rec_lock lock(state.mutex);
+  return state.use_system_clock ? absolute_system_time() : relative_time() + state.offset_ms;
+}
+
+long long absolute_time_t() {
+  return absolute_time() / 1000;
+}
+
+void set_absolute_clock(bool follow_system_clock, long long offset_ms) {
+  timer_state& state = timer();
+  const rec_lock lock(state.mutex);
+  state.use_system_clock = follow_system_clock;
+  state.offset_ms = offset_ms;
+}
+
+void clock_realtime(timespec& ts) {
+  timeval now;
+  if (detail::g_time_of_day.load()(&now) != 0) throw exception::function("clock_realtime");
+  ts.tv_sec = now.tv_sec;
+  ts.tv_nsec = static_cast<long>(now.tv_usec) * 1000;
+}
+
+void clock_monotonic(timespec& /*ts*/) {
+  throw exception::function("clock_monotonic");
+}
+
+void add_ms(timespec& ts, long long ms) {
+  constexpr long kSecond = 1000000000;
+  ts.tv_sec += static_cast<time_t>(ms / 1000);
+  ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
+  if (ts.tv_nsec < kSecond) return;
+  ts.tv_sec += ts.tv_nsec / kSecond;
+  ts.tv_nsec %= kSecond;
+}
+
+long long get_ns(const timespec& ts) {
+  return static_cast<long long>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+long long get_ms_from_ns(long long ns) {
+  return ns / 1000000;
+}
+
+void init_timer() {
+  timer();
+}
+
+void init_unixtime() {
+  ::tzset();
+  try {
+    timespec unused;
+    clock_monotonic(unused);
+    g_has_monotonic = true;
+  } catch (const exception&) {
+    // No such clock: the flag keeps its value.
+  }
+}
+
+rec_mutex* task_lock() {
+  static rec_mutex* const lock = new rec_mutex;
+  return lock;
+}
+
+void pause_us(unsigned long long microseconds) {
+  const errno_guard keep;
+  if (x_pause_us != nullptr) {
+    x_pause_us(microseconds);
+    return;
+  }
+  timespec left;
+  left.tv_sec = static_cast<time_t>(microseconds / 1000000);
+  left.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
+  // A signal ends the sleep early and leaves the rest in `left`.
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace muro
