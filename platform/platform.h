@@ -77,6 +77,13 @@ bool older_version_selector(std::uint32_t selector, int& value);
 /// The kernel's number of the calling thread (`pthread_mach_thread_np`, `gettid`).
 std::uint64_t thread_number();
 
+/// Closes every open descriptor numbered `first` to `last`, both included; `last` may be INT_MAX.
+/// For the child between fork and exec: async-signal-safe, no allocation, no lock; errno is
+/// anything afterwards. The cost follows the number of open descriptors where the system allows it
+/// (Linux: close_range(2), where a kernel or filter refuses that one close for each number below
+/// the descriptor table's size); macOS closes each number below that size.
+void close_descriptors(int first, int last) noexcept;
+
 /// The outcome of a file-manager operation: whether it succeeded, and if not the system's own
 /// description of the failure (`localizedDescription`), nil when the system gave none.
 struct file_outcome {
