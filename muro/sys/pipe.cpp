@@ -1,0 +1,22 @@
+#include "muro/sys/pipe.h"
+
+#include <fcntl.h>
+
+namespace muro {
+
+void set_close_on_exec(int descriptor) noexcept {
+  const int flags = ::fcntl(descriptor, F_GETFD);
+  if (flags != -1) ::fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
+}
+
+bool open_pipe(pipe_ends& out) noexcept {
+  int ends[2];
+  if (::pipe(ends) != 0) return false;
+  out.read.reset(ends[0]);
+  out.write.reset(ends[1]);
+  set_close_on_exec(ends[0]);
+  set_close_on_exec(ends[1]);
+  return true;
+}
+
+}  // namespace muro
