@@ -25,10 +25,24 @@ std::string trimmed(const std::string& s) {
   return s.substr(first, s.find_last_not_of(" \t\r\n") - first + 1);
 }
 
-bool is_number(const std::string& s) {
-  const auto start = s.find_first_not_of("+-");
-  return start != std::string::npos && start <= 1 &&
-         s.find_first_not_of("0123456789abcdefABCDEFxX.+-", start) == std::string::npos;
+bool consists_of(const std::string& s, std::size_t start, const char* characters) {
+  return start < s.size() && s.find_first_not_of(characters, start) == std::string::npos;
+}
+
+std::size_t after_sign(const std::string& s) {
+  return !s.empty() && (s[0] == '+' || s[0] == '-') ? 1 : 0;
+}
+
+bool is_integer(const std::string& s) {
+  const std::size_t start = after_sign(s);
+  if (s.compare(start, 2, "0x") == 0 || s.compare(start, 2, "0X") == 0)
+    return consists_of(s, start + 2, "0123456789abcdefABCDEF");
+  return consists_of(s, start, "0123456789");
+}
+
+bool is_real(const std::string& s) {
+  const std::size_t start = after_sign(s);
+  return consists_of(s, start, "0123456789.eE+-") && s.find_first_of("0123456789") < s.size();
 }
 
 // Each step answers false, for good, on the first error.
@@ -202,7 +216,7 @@ class xml_reader {
       return all_blank(text);
     } else if (name == "integer" || name == "real") {
       out.type = kind::number;
-      return is_number(out.text);
+      return name == "integer" ? is_integer(out.text) : is_real(out.text);
     } else if (name == "date") {
       out.type = kind::date;
     } else if (name == "data") {

@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "platform/platform.h"
+#include "tests/support/temp_dir.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+mode_t mode_of(const std::string& path) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0) throw std::runtime_error("lstat " + path);
+  return status.st_mode & 07777;
+}
+
+/// The umask for the length of one test.
+class umask_scope {
+ public:
+  explicit umask_scope(mode_t mask) : old_(::umask(mask)) {}
+  ~umask_scope() { ::umask(old_); }
+  umask_scope(const umask_scope&) = delete;
+  umask_scope& operator=(const umask_scope&) = delete;
+
+ private:
+  mode_t old_;
+};
+
+class file_manager : public testing::Test {
+ protected:
+  std::string at(const std::string& name) const { return folder_ / name; }
+  void file(const std::string& name, const std::string& content = "x") {
+    test::write_file(at(name), content);
+  }
+
+  test::temp_dir folder_;
+};
+
+void expect_failure(const platform::file_outcome& outcome) {
+  EXPECT_FALSE(outcome.ok);
+  EXPECT_EQ(outcome.description.value_or("").find('\n'), std::string::npos);
+}
+
+TEST_F(file_manager, creates_a_folder_with_its_mode_whatever_the_umask) {
+  const umask_scope strict(077);
+  EXPECT_TRUE(platform::create_folder(at("new"), 0777).ok);
+  EXPECT_EQ(mode_of(at("new")), 0777U);
+}
+
+TEST_F(file_manager, creates_the_folders_above) {
+  EXPECT_TRUE(platform::create_folder(at("a/b/c"), 0777).ok);
+  EXPECT_TRUE(fs::is_directory(at("a/b/c")));
+  EXPECT_EQ(mode_of(at("a/b/c")), 0777U);
+}
+
+TEST_F(file_manager, creates_a_folder_named_with_a_slash_at_the_end) {
+  EXPECT_TRUE(platform::create_folder(at("a/b/"), 0777).ok);
+  EXPECT_EQ(mode_of(at("a/b")), 0777U);
+}
+
+TEST_F(file_manager, existing_folder_is_a_success_and_keeps_its_mode) {
+  fs::create_directory(at("old"));
+  fs::permissions(at("old"), fs::perms(0750));
+  EXPECT_TRUE(platform::create_folder(at("old"), 0777).ok);
+  EXPECT_EQ(mode_of(at("old")), 0750U);
+}
+
+TEST_F(file_manager, link_to_a_folder_counts_as_that_folder) {
+  fs::create_directory(at("old"));
+  fs::create_directory_symlink(at("old"), at("link"));
+  EXPECT_TRUE(platform::create_folder(at("link"), 0777).ok);
+  EXPECT_TRUE(fs::is_symlink(at("link")));
+}
+
+TEST_F(file_manager, file_in_the_way_of_a_folder_is_a_failure) {
+  file("taken");
+  expect_failure(platform::create_folder(at("taken"), 0777));
+  EXPECT_EQ(test::read_file(at("taken")), "x");
+}
+
+TEST_F(file_manager, file_above_a_folder_is_a_failure_with_a_description) {
+  file("taken");
+  const auto outcome = platform::create_folder(at("taken/below"), 0777);
+  expect_failure(outcome);
+  EXPECT_TRUE(outcome.description);
+}
+
+TEST_F(file_manager, nameless_folder_is_a_failure) {
+  expect_failure(platform::create_folder("", 0777));
+}
+
+TEST_F(file_manager, copies_a_file_with_its_bytes_and_mode) {
+  const umask_scope strict(077);
+  file("from", std::string(200000, 'k'));
+  fs::permissions(at("from"), fs::perms(0754));
+  EXPECT_TRUE(platform::copy_item(at("from"), at("to")).ok);
+  EXPECT_EQ(test::read_file(at("to")), std::string(200000, 'k'));
+  EXPECT_EQ(mode_of(at("to")), 0754U);
+}
+
+TEST_F(file_manager, copies_a_tree_with_modes_and_links) {
+  fs::create_directories(at("from/Contents/MacOS"));
+  file("from/Contents/MacOS/korvel", "program");
+  fs::permissions(at("from/Contents/MacOS/korvel"), fs::perms(0755));
+  fs::permissions(at("from/Contents/MacOS"), fs::perms(0555));
+  fs::create_symlink("Contents/nowhere", at("from/link"));
+  EXPECT_TRUE(platform::copy_item(at("from"), at("to")).ok);
+  EXPECT_EQ(test::read_file(at("to/Contents/MacOS/korvel")), "program");
+  EXPECT_EQ(mode_of(at("to/Contents/MacOS/korvel")), 0755U);
+  EXPECT_EQ(mode_of(at("to/Contents/MacOS")), 0555U);
+  EXPECT_EQ(fs::read_symlink(at("to/link")), "Contents/nowhere");
+  fs::permissions(at("from/Contents/MacOS"), fs::perms(0755));
+  fs::permissions(at("to/Contents/MacOS"), fs::perms(0755));
+}
+
+TEST_F(file_manager, copies_a_link_as_a_link) {
+  file("file");
+  fs::create_symlink(at("file"), at("from"));
+  EXPECT_TRUE(platform::copy_item(at("from"), at("to")).ok);
+  EXPECT_EQ(fs::read_symlink(at("to")), at("file"));
+}
+
+TEST_F(file_manager, copies_nothing_onto_an_existing_item) {
+  file("from", "new");
+  file("to", "old");
+  expect_failure(platform::copy_item(at("from"), at("to")));
+  EXPECT_EQ(test::read_file(at("to")), "old");
+}
+
+TEST_F(file_manager, copies_no_folder_into_an_existing_folder) {
+  fs::create_directory(at("from"));
+  file("from/inside");
+  fs::create_directory(at("to"));
+  expect_failure(platform::copy_item(at("from"), at("to")));
+  EXPECT_TRUE(fs::is_empty(at("to")));
+}
+
+TEST_F(file_manager, copies_nothing_into_a_missing_folder) {
+  file("from");
+  expect_failure(platform::copy_item(at("from"), at("missing/to")));
+  EXPECT_FALSE(fs::exists(at("missing")));
+}
+
+TEST_F(file_manager, missing_source_is_a_failure_with_a_description) {
+  const auto outcome = platform::copy_item(at("missing"), at("to"));
+  expect_failure(outcome);
+  EXPECT_TRUE(outcome.description);
+  EXPECT_FALSE(fs::exists(at("to")));
+}
+
+TEST_F(file_manager, copying_keeps_the_source) {
+  file("from", "kept");
+  platform::copy_item(at("from"), at("to"));
+  EXPECT_EQ(test::read_file(at("from")), "kept");
+}
+
+TEST_F(file_manager, lists_every_entry_below_a_folder_relative_to_it) {
+  fs::create_directories(at("a/b"));
+  file("a/b/deep");
+  file("top");
+  std::vector<std::string> found = platform::subpaths(folder_.path());
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, (std::vector<std::string>{"a", "a/b", "a/b/deep", "top"}));
+}
+
+TEST_F(file_manager, lists_a_folder_before_what_it_holds) {
+  fs::create_directories(at("a/b/c"));
+  EXPECT_EQ(platform::subpaths(folder_.path()), (std::vector<std::string>{"a", "a/b", "a/b/c"}));
+}
+
+TEST_F(file_manager, lists_links_without_following_them) {
+  fs::create_directory(at("outside"));
+  file("outside/secret");
+  fs::create_directory(at("tree"));
+  fs::create_directory_symlink(at("outside"), at("tree/link"));
+  EXPECT_EQ(platform::subpaths(at("tree")), std::vector<std::string>{"link"});
+}
+
+TEST_F(file_manager, lists_nothing_below_a_missing_folder) {
+  EXPECT_TRUE(platform::subpaths(at("missing")).empty());
+}
+
+TEST_F(file_manager, attributes_of_a_missing_item_are_a_failure) {
+  expect_failure(platform::set_attributes(at("missing"), 0777, "root", "root"));
+}
+
+TEST_F(file_manager, attributes_through_a_link_to_nowhere_are_a_failure) {
+  fs::create_symlink("nowhere", at("link"));
+  expect_failure(platform::set_attributes(at("link"), 0777, "root", "root"));
+}
+
+}  // namespace
