@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "muro/core/exception.h"
+#include "muro/sys/errno_guard.h"
 #include "muro/sys/thread.h"
 
 namespace muro {
@@ -29,9 +30,8 @@ effective_user_gate::effective_user_gate() {
 }
 
 effective_user_gate::~effective_user_gate() {
-  const int kept = errno;
+  const errno_guard keep_errno;
   ::pthread_mutex_unlock(&gate);
-  errno = kept;
 }
 
 user_switch::user_switch(unsigned long long uid) {
@@ -42,9 +42,8 @@ user_switch::user_switch(unsigned long long uid) {
 }
 
 user_switch::~user_switch() {
-  const int kept = errno;
+  const errno_guard keep_errno;
   if (::seteuid(0) != 0) silent_terminate(false);
-  errno = kept;
 }
 
 }  // namespace muro
