@@ -1,0 +1,203 @@
+#include "muro/sys/child_start.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <iterator>
+
+#include "muro/core/exception.h"
+#include "muro/sys/errno_guard.h"
+#include "muro/sys/files.h"
+#include "muro/sys/user_switch.h"
+#include "platform/platform.h"
+
+namespace process_priv {
+
+constinit system_calls calls{::fork, ::waitpid, ::kill};
+
+namespace {
+
+/// Holds back every signal of the calling thread for its lifetime. Keeps errno.
+class signals_blocked {
+ public:
+  signals_blocked() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~signals_blocked() {
+    const muro::errno_guard keep;
+    ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  signals_blocked(const signals_blocked&) = delete;
+  signals_blocked& operator=(const signals_blocked&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+}  // namespace
+
+child_plan::child_plan(const std::string& program, const std::vector<std::string>& args) {
+  // execvp takes pointers to non-const and changes nothing.
+  argv_.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& arg : args) argv_.push_back(const_cast<char*>(arg.c_str()));
+  argv_.push_back(nullptr);
+}
+
+// The replaced argument 0 is this plan's own copy, made before the fork: after it nothing may
+// allocate.
+void child_plan::run_in_program_folder(const std::string& program) {
+  program_folder_ = muro::dirname(program);
+  folder_ = program_folder_.c_str();
+  first_argument_ = "./" + muro::basename(program);
+  argv_[0] = first_argument_.data();
+}
+
+void child_plan::run_in_folder(const std::string& program, const std::string& folder) {
+  folder_ = folder.c_str();
+  try {
+    first_argument_ = muro::expand_filename(program);
+    argv_[0] = first_argument_.data();
+  } catch (const muro::exception&) {
+    // The working folder is gone. Under its relative name another program might be found in the
+    // new folder, so none is run: the child ends itself, as for every failure of its own.
+    argv_[0] = nullptr;
+  }
+}
+
+void child_plan::place(int input, int output, int error) {
+  input_ = input;
+  output_ = output;
+  error_ = error;
+  open_.insert(open_.end(), {input, output, error == -1 ? STDERR_FILENO : error});
+  std::sort(open_.begin(), open_.end());
+}
+
+void child_plan::keep(const std::set<int>& descriptors) {
+  std::copy_if(descriptors.begin(), descriptors.end(), std::back_inserter(kept_),
+               [](int fd) { return ::fcntl(fd, F_GETFD) != -1; });
+  open_.insert(open_.end(), kept_.begin(), kept_.end());
+  std::sort(open_.begin(), open_.end());
+}
+
+void child_plan::keep_standard_descriptors() {
+  open_ = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
+}
+
+pid_t child_plan::start() const {
+  const muro::effective_user_gate as_ourselves;
+  const signals_blocked no_signals;
+  const pid_t pid = calls.fork();
+  if (pid == 0) run();
+  return pid;
+}
+
+// From here to the end of the file: the child. Only async-signal-safe calls; nothing allocates,
+// locks, logs or throws.
+
+namespace {
+
+/// What `silent_terminate(false)` does, without leaving this file: the parent sees exit code -9.
+[[noreturn]] void die() noexcept {
+  ::kill(::getpid(), SIGKILL);
+  for (;;) ::_exit(255);
+}
+
+/// Handlers of the parent's would run in the child once the mask is open, and the program would
+/// inherit what is ignored. A tool must not be started with SIGPIPE ignored (it would write on into
+/// a closed pipe) nor with signals held back.
+void restore_signals() noexcept {
+  struct sigaction usual {};
+  usual.sa_handler = SIG_DFL;
+  ::sigemptyset(&usual.sa_mask);
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction now {};
+    if (::sigaction(number, nullptr, &now) != 0) continue;
+    const bool ignored = now.sa_handler == SIG_IGN && number != SIGPIPE && number != SIGCHLD;
+    if (!ignored && now.sa_handler != SIG_DFL) ::sigaction(number, &usual, nullptr);
+  }
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+/// The program is to be nobody's child here and to have no terminal. The process that the parent
+/// waits for ends in every case: were it to run the program after a failed fork, the parent would
+/// wait for that.
+void detach_from_parent() noexcept {
+  ::setsid();
+  if (calls.fork() != 0) die();
+}
+
+/// Moves a descriptor that lies on another one's target out of the way.
+bool lift(int& descriptor, int target) noexcept {
+  if (descriptor > STDERR_FILENO || descriptor == target || descriptor == -1) return true;
+  const int lifted = ::fcntl(descriptor, F_DUPFD, STDERR_FILENO + 1);
+  if (lifted == -1) return false;
+  ::close(descriptor);
+  descriptor = lifted;
+  return true;
+}
+
+bool clear_close_on_exec(int descriptor) noexcept {
+  return ::fcntl(descriptor, F_SETFD, 0) == 0;
+}
+
+/// Puts `descriptor` on `target` and closes it; what lies there already only has to survive exec.
+bool put_on(int descriptor, int target) noexcept {
+  if (descriptor == -1) return true;
+  if (descriptor == target) return clear_close_on_exec(target);
+  if (::dup2(descriptor, target) == -1) return false;
+  ::close(descriptor);
+  return true;
+}
+
+}  // namespace
+
+/// The whole life of the child.
+void child_plan::run() const noexcept {
+  close_others();
+  if (input_ != -1 && !place_standard_descriptors()) die();
+  inherit_kept();
+  if (detached_) detach_from_parent();
+  if (folder_ != nullptr && ::chdir(folder_) != 0) die();
+  if (argv_[0] == nullptr) die();
+  restore_signals();
+  // Not on POSIX's list, but free of locks and allocation in both systems' libraries: it reads PATH
+  // and tries the names in a buffer on the stack.
+  ::execvp(argv_[0], argv_.data());
+  die();
+}
+
+/// Closes every open descriptor but those of `open_`, gap by gap.
+void child_plan::close_others() const noexcept {
+  int first = 0;
+  for (const int fd : open_) {
+    if (fd > first) platform::close_descriptors(first, fd - 1);
+    if (fd == INT_MAX) return;
+    first = std::max(first, fd + 1);
+  }
+  platform::close_descriptors(first, INT_MAX);
+}
+
+/// Where the parent's own 0, 1 or 2 were closed, the pipes may lie on those numbers, in any order;
+/// they are lifted off them first, or one dup2 would close the other pipe.
+bool child_plan::place_standard_descriptors() const noexcept {
+  int input = input_;
+  int output = output_;
+  int error = error_;
+  return lift(input, STDIN_FILENO) && lift(output, STDOUT_FILENO) && lift(error, STDERR_FILENO) &&
+         put_on(input, STDIN_FILENO) && put_on(output, STDOUT_FILENO) &&
+         put_on(error, STDERR_FILENO);
+}
+
+void child_plan::inherit_kept() const noexcept {
+  for (const int fd : kept_) clear_close_on_exec(fd);
+}
+
+}  // namespace process_priv
