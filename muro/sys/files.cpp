@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <initializer_list>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
-#include "muro/sys/errno_guard.h"
 #include "muro/sys/files_internal.h"
 #include "muro/sys/strings.h"
 #include "platform/platform.h"

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <utility>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
 #include "muro/core/fmt.h"
-#include "muro/sys/errno_guard.h"
 #include "muro/sys/files_internal.h"
 
 namespace muro {
