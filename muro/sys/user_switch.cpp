@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
-#include "muro/sys/errno_guard.h"
 #include "muro/sys/thread.h"
 
 namespace muro {
