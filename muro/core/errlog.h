@@ -1,43 +1,48 @@
 #pragma once
 
-/// The process-wide error log: named log scopes put lines on a queue, one background thread (the
-/// dumper) writes them to the log file and to standard error.
+/// The process-wide error log.
+///
+/// A component holds a log object with its name and puts lines through it. An accepted line goes on
+/// a queue; one background thread, the dumper, writes it to the log file and to standard error:
+///
+///     2024-02-29T12:00:00Z main: Failed to create directory: /x
+///     timestamp in UTC     name  text, with every byte below 0x20 and "`" as "`" and two hex
+///     digits
+///
+/// A caller never waits for output: a line costs one string, one lock and at most one post. A line
+/// may be logged from any thread and at any time, before the runtime has started and while the
+/// process ends; it is out for certain only after `wait_for_flush`. Nothing here reports a failure
+/// but `std::bad_alloc`, and errno stays as it was. Settings: muro/core/log_settings.h.
 
-#include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <string>
 
 #include "muro/core/fmt.h"
+#include "muro/core/log_settings.h"
 
 namespace muro {
 
 class xfile;
 
-// Process-wide settings, listed once. Each may be written at any time and takes effect with the
-// next line or batch; the file name has setters only.
-extern std::atomic<std::int32_t> log_level;           // 0: lines above this level are dropped
-extern std::atomic<std::int32_t> g_run_report_level;  // 0: 1 adds "[pid] ", 2 "[pid:thread] "
-extern std::atomic<int (*)(const char*, std::size_t)> log_filter;       // 0 drops the line
-extern std::atomic<void (*)(const char*, std::size_t)> log_line_hook;   // sees accepted lines
-extern std::atomic<void (*)(const char*, std::size_t)> log_direct_sink; // replaces file and stderr
-extern std::atomic<unsigned long long> log_rotate_size;                 // bytes; 0: no rotation
-extern std::atomic<std::int32_t> log_rotate_count;                      // old files; 0: no rotation
-extern std::atomic<unsigned long long> log_cut_size;                    // bytes; 0: no cutting
-extern std::atomic<bool> log_to_stderr;                                 // true
-extern std::atomic<bool> log_stderr_timestamps;                         // true
-
-/// A named log scope. Cheap: it keeps the pointer it is given, which must outlive it.
+/// A named log scope. Cheap: it keeps the pointer it is given, which must outlive it. A null or
+/// empty name logs bare texts.
 class errlog {
  public:
+  /// `flag` is kept and read by nothing.
   explicit errlog(const char* name, bool flag = false) : name_(name), flag_(flag) {}
 
+  /// Logs "NAME: TEXT" unless `level` is above `log_level` or `log_filter` drops it.
   void log(int level, const char* text, std::size_t length) const;
 
-  /// Queues a line that the caller has formatted; `release` is called with `data` when it is out.
+  /// Queues a line that the caller has formatted: `prefix_length` bytes of prefix (a timestamp),
+  /// one separator byte, the message, its line end. It is written as it is, past level, filter and
+  /// hook. The buffer must stay until `release` (null: none) is called with `data`, on the dumper's
+  /// thread, once the line is out. A host's `x_errlog_log_line_direct` takes the call over.
   static void log_line_direct(const char* data, std::size_t length, std::size_t prefix_length,
                               void (*release)(const char*));
 
+  /// The log file from the next batch on: `expand_filename(name)`. If that throws, the old one
+  /// stays.
   static void set_log_file(const std::string& name);
   static void set_log_rotate(unsigned long long size, int count);
   static void set_log_filter(int (*filter)(const char*, std::size_t));
@@ -48,12 +53,20 @@ class errlog {
   static void set_log_to_stderr(bool on);
   static void set_log_stderr_timestamps(bool on);
 
+  /// Blocks until all lines queued before the call are out; through `x_errlog_wait_for_flush` when
+  /// a host has set that. Not limited in time: a disk or terminal that hangs holds it up. Must not
+  /// be called while the effective user is switched (muro/sys/user_switch.h).
   static void wait_for_flush();
+
+  /// The UTC time now as "2024-02-29T12:00:00Z"; "N" when it cannot be read.
   static std::string current_timestamp();
+
+  /// What the dumper does after each batch, with the file at its end; for sizes of 0 too. See
+  /// `cut_log` and `rotate_log` in muro/core/log_shrink.h.
   static void check_log_cut(xfile* file);
   static void check_log_rotate(xfile* file);
 
-  /// Waits in its destructor until every line queued so far is out.
+  /// Calls `wait_for_flush` in its destructor and swallows what it throws.
   class wait_for_flush_task {
    public:
     wait_for_flush_task() = default;
@@ -72,6 +85,7 @@ class fmt_dbg : public errlog {
  public:
   using errlog::errlog;
 
+  /// Logs the template with its placeholders filled, at level 0.
   template <class... Args>
   void fmt_verbose(const std::string& tmpl, const Args&... args) const {
     fmt message(tmpl);
@@ -81,6 +95,7 @@ class fmt_dbg : public errlog {
   }
 };
 
+/// A step of the runtime's start. Deliberate: it has nothing to do, the log works before it.
 void init_errlog();
 
 }  // namespace muro

@@ -1,0 +1,147 @@
+#include "muro/core/errlog.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "muro/core/hooks.h"
+#include "muro/core/log_dumper.h"
+#include "muro/core/log_shrink.h"
+#include "muro/core/log_text.h"
+#include "muro/sys/errno_guard.h"
+#include "muro/sys/files.h"
+#include "muro/sys/xfile.h"
+#include "platform/platform.h"
+
+namespace muro {
+
+namespace {
+
+std::string report_prefix() {
+  const int report_level = g_run_report_level;
+  if (report_level != 1 && report_level != 2) return "";
+  const auto process = static_cast<unsigned long long>(::getpid());
+  const auto thread = static_cast<unsigned long long>(platform::thread_number());
+  char text[64];
+  if (report_level == 1) {
+    std::snprintf(text, sizeof text, "[%llu] ", process);
+  } else {
+    std::snprintf(text, sizeof text, "[%llu:%llu] ", process, thread);
+  }
+  return text;
+}
+
+bool is_wanted(std::string_view line) try {
+  const auto filter = log_filter.load();
+  return filter == nullptr || filter(line.data(), line.size()) != 0;
+} catch (...) {
+  return true;
+}
+
+void tell(void (*hook)(const char*, std::size_t), const std::string& line) try {
+  hook(line.data(), line.size());
+} catch (...) {
+  // The line is queued; what its observer makes of it is the observer's affair.
+}
+
+}  // namespace
+
+void errlog::log(int level, const char* text, std::size_t length) const {
+  if (level > log_level) return;
+  const errno_guard keep;
+  std::string queued = report_prefix();
+  const std::size_t prefix_length = queued.size();
+  const std::size_t name_length = name_ != nullptr ? std::strlen(name_) : 0;
+  queued.reserve(prefix_length + name_length + 2 + length);
+  if (name_length != 0) queued.append(name_, name_length).append(": ");
+  queued.append(text, length);
+
+  const std::string_view line = std::string_view(queued).substr(prefix_length);
+  if (!is_wanted(line)) return;
+  const auto hook = log_line_hook.load();
+  const std::string told = hook != nullptr ? std::string(line) : std::string();
+  log_dumper::push(std::move(queued));
+  if (hook != nullptr) tell(hook, told);
+}
+
+void errlog::log_line_direct(const char* data, std::size_t length, std::size_t prefix_length,
+                             void (*release)(const char*)) {
+  const errno_guard keep;
+  if (x_errlog_log_line_direct != nullptr) {
+    x_errlog_log_line_direct(data, length, prefix_length, release);
+  } else {
+    log_dumper::push(raw_log_line{data, length, prefix_length, release});
+  }
+}
+
+void errlog::set_log_file(const std::string& name) {
+  const errno_guard keep;
+  try {
+    set_log_file_name(expand_filename(name));
+  } catch (...) {
+    // Deliberate: a name that leads nowhere leaves the old one.
+  }
+}
+
+void errlog::set_log_rotate(unsigned long long size, int count) {
+  log_rotate_size = size;
+  log_rotate_count = count;
+}
+
+void errlog::set_log_filter(int (*filter)(const char*, std::size_t)) {
+  log_filter = filter;
+}
+void errlog::set_log_level(int level) {
+  log_level = level;
+}
+void errlog::set_log_cut(unsigned long long size) {
+  log_cut_size = size;
+}
+void errlog::set_log_line_hook(void (*hook)(const char*, std::size_t)) {
+  log_line_hook = hook;
+}
+void errlog::set_log_direct_sink(void (*sink)(const char*, std::size_t)) {
+  log_direct_sink = sink;
+}
+void errlog::set_log_to_stderr(bool on) {
+  log_to_stderr = on;
+}
+void errlog::set_log_stderr_timestamps(bool on) {
+  log_stderr_timestamps = on;
+}
+
+void errlog::wait_for_flush() {
+  const errno_guard keep;
+  if (x_errlog_wait_for_flush != nullptr) {
+    x_errlog_wait_for_flush();
+  } else {
+    log_dumper::wait_for_flush();
+  }
+}
+
+std::string errlog::current_timestamp() {
+  const errno_guard keep;
+  return log_text::clock().now();
+}
+
+void errlog::check_log_cut(xfile* file) {
+  cut_log(*file, log_cut_size);
+}
+
+void errlog::check_log_rotate(xfile* file) {
+  rotate_log(*file, log_rotate_size, log_rotate_count);
+}
+
+errlog::wait_for_flush_task::~wait_for_flush_task() {
+  try {
+    wait_for_flush();
+  } catch (...) {
+    // A destructor has nobody to tell.
+  }
+}
+
+void init_errlog() {}
+
+}  // namespace muro

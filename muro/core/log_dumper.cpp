@@ -1,0 +1,167 @@
+#include "muro/core/log_dumper.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <memory>
+#include <utility>
+
+#include "muro/core/exception.h"
+
+namespace muro {
+
+namespace {
+
+/// Entries whose memory is kept for the next batch; a burst above it gives its memory back.
+constexpr std::size_t kKeptEntries = 4096;
+
+/// How long a first line waits for the dumper's thread to come up. Usually no time at all; the
+/// limit is for a caller that holds a lock which every new thread needs.
+constexpr long long kStartWait_ms = 1000;
+
+constinit std::atomic<log_dumper*> g_dumper{nullptr};
+constinit std::atomic<bool> g_forked{false};
+constinit thread_local bool t_is_dumper = false;
+
+void mark_forked() {
+  g_forked = true;
+}
+
+/// Signals are for threads that have handlers in mind; a closed standard error is no reason to end
+/// the process either.
+void block_signals() {
+  sigset_t all;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+/// Past queue, locks and clock, which may be broken or belong to a parent process.
+void write_straight(log_entry&& entry) {
+  std::vector<log_entry> alone;
+  alone.push_back(std::move(entry));
+  escape(alone);
+  write_to_stderr(alone, nullptr);
+  release(alone);
+}
+
+}  // namespace
+
+log_dumper::log_dumper()
+    : thread(false, "log_dumper", 0), runs_(0x7fffffff, 0), wake_up_(0x7fffffff, 0) {}
+
+log_dumper& log_dumper::instance() {
+  log_dumper* dumper = g_dumper;
+  if (dumper != nullptr) return *dumper;
+  auto made = std::make_unique<log_dumper>();
+  if (!g_dumper.compare_exchange_strong(dumper, made.get())) return *dumper;
+  ::pthread_atfork(nullptr, nullptr, mark_forked);
+  return *made.release();
+}
+
+void log_dumper::push(log_entry entry) {
+  if (g_forked) return write_straight(std::move(entry));
+  try {
+    instance().enqueue(entry);
+  } catch (const exception&) {
+    // No dumper can be made, or its lock does not work.
+    write_straight(std::move(entry));
+  }
+}
+
+void log_dumper::wait_for_flush() {
+  log_dumper* const dumper = g_dumper;
+  if (dumper != nullptr && !g_forked && !t_is_dumper) dumper->wait();
+}
+
+void log_dumper::enqueue(log_entry& entry) {
+  bool was_idle;
+  {
+    const rec_lock lock(mutex_);
+    was_idle = queue_is_idle_locked();
+    pending_.push_back(std::move(entry));
+  }
+  if (was_idle) wake_up();
+  start_if_needed();
+}
+
+void log_dumper::wake_up() {
+  try {
+    wake_up_.post();
+  } catch (const exception&) {
+    // The count is given all the same.
+  }
+}
+
+void log_dumper::wait() {
+  semaphore flushed(0x7fffffff, 0);
+  bool was_idle;
+  {
+    const rec_lock lock(mutex_);
+    was_idle = queue_is_idle_locked();
+    waiters_.push_back(&flushed);
+  }
+  if (was_idle) wake_up();
+  start_if_needed();
+  flushed.wait();
+  // The dumper posts under the mutex and must have let go of the semaphore.
+  const rec_lock dumper_is_out(mutex_);
+}
+
+void log_dumper::start_if_needed() {
+  if (progress_ != progress::idle) return;
+  // Whoever comes here while a start is under way leaves his line to it: another thread, or this
+  // one with the report that the start is failing.
+  progress expected = progress::idle;
+  if (!progress_.compare_exchange_strong(expected, progress::starting)) return;
+  try {
+    detach();
+  } catch (...) {
+    // First idle, then the queue: a line that came too late for it starts the thread itself.
+    progress_ = progress::idle;
+    return dump_without_thread();
+  }
+  progress_ = progress::running;
+  runs_.wait_ms(kStartWait_ms);
+}
+
+void log_dumper::dump_without_thread() {
+  batch taken;
+  take_queue(taken);
+  log_text::clock clock;
+  escape(taken.entries);
+  write_to_stderr(taken.entries, &clock);
+  finish(taken);
+}
+
+void log_dumper::run() {
+  t_is_dumper = true;
+  block_signals();
+  runs_.post();
+  for (;;) {
+    take_queue(batch_);
+    try {
+      if (!batch_.entries.empty()) output_.write(batch_.entries);
+    } catch (...) {
+      // Out of memory: what is not written is lost, the next batch may find better times.
+    }
+    finish(batch_);
+    wake_up_.wait();
+  }
+}
+
+void log_dumper::take_queue(batch& taken) {
+  const rec_lock lock(mutex_);
+  taken.entries.swap(pending_);
+  taken.waiters.swap(waiters_);
+}
+
+void log_dumper::finish(batch& done) {
+  release(done.entries);
+  if (done.entries.capacity() > kKeptEntries) std::vector<log_entry>().swap(done.entries);
+  if (done.waiters.empty()) return;
+  const rec_lock lock(mutex_);
+  for (semaphore* waiter : done.waiters) waiter->post();
+  done.waiters.clear();
+}
+
+}  // namespace muro

@@ -1,0 +1,20 @@
+#pragma once
+
+/// Keeps the log file small: by rotating it away, or by cutting off its oldest lines. Both work on
+/// the open file, positioned at its end, and ignore every failure.
+
+namespace muro {
+
+class xfile;
+
+/// Closes `file`. If its position was at `size` or above, its name becomes NAME.0, the old NAME.0
+/// becomes NAME.1 and so on; `count` old files stay, and the unbroken run of files above them is
+/// deleted. Deliberate: the numbers start at 0. Sizes are compared as signed numbers.
+void rotate_log(xfile& file, unsigned long long size, int count);
+
+/// If `file`'s position is above `size`, leaves the newest lines of it, at most `size` / 2 bytes,
+/// beginning in the middle of a line where that half begins there. The file stays open. True when
+/// its content may have changed.
+bool cut_log(xfile& file, unsigned long long size);
+
+}  // namespace muro
