@@ -20,6 +20,10 @@ using muro::detail::g_seed_calls;
 class random_test : public testing::Test {
  protected:
   random_test() {
+    now = 1000;
+    ticks = 20;
+    thread = 3;
+    process = 4;
     seeded.clear();
     g_seed_calls = {[](time_t*) { return now++; },
                     [] { return ticks; },
@@ -35,10 +39,10 @@ class random_test : public testing::Test {
   ~random_test() override { g_seed_calls = saved; }
 
   using seeding = std::pair<std::string, unsigned>;
-  static inline time_t now = 1000;
-  static inline clock_t ticks = 20;
-  static inline std::uint64_t thread = 3;
-  static inline pid_t process = 4;
+  static inline time_t now;
+  static inline clock_t ticks;
+  static inline std::uint64_t thread;
+  static inline pid_t process;
   static inline std::vector<seeding> seeded;
   const muro::detail::seed_calls saved = g_seed_calls;
 };
@@ -95,13 +99,11 @@ TEST_F(random_test, seed_wraps_at_32_bits) {
 }
 
 TEST_F(random_test, thread_seeding_takes_a_fresh_seed_for_each_generator) {
-  now = 1000;
   muro::init_random();
   EXPECT_EQ(seeded, (std::vector<seeding>{{"srand", 1027}, {"srandom", 1028}}));
 }
 
 TEST_F(random_test, init_rand_seeds_the_generator) {
-  now = 1000;
   muro::init_rand();
   const std::vector<std::uint32_t> expected = words_of(std::mt19937(1027));
   for (std::size_t i = 0; i < expected.size(); ++i) {
@@ -112,7 +114,6 @@ TEST_F(random_test, init_rand_seeds_the_generator) {
 }
 
 TEST_F(random_test, init_rand_again_seeds_the_same_generator_anew) {
-  now = 1000;
   muro::init_rand();
   const mersenne_twister* const generator = muro::detail::g_generator;
   muro::random_word();
@@ -122,7 +123,6 @@ TEST_F(random_test, init_rand_again_seeds_the_same_generator_anew) {
 }
 
 TEST_F(random_test, generator_hands_out_each_word_once) {
-  now = 1000;
   muro::init_rand();
   std::vector<std::uint32_t> words[4];
   std::vector<std::thread> threads;
