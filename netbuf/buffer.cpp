@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <stdexcept>
 
 namespace netbuf_imp {
 namespace {
@@ -33,7 +32,7 @@ buffer::buffer(const buffer& other, std::int32_t offset, std::int32_t length) {
 }
 
 void buffer::refuse_beyond_limit(std::int32_t more) const {
-  if (more > everything - total_) throw std::length_error("netbuf: too long");
+  checked_length(static_cast<std::size_t>(total_) + static_cast<std::size_t>(more));
 }
 
 void buffer::add(const buffer& other, end where) {
@@ -42,15 +41,15 @@ void buffer::add(const buffer& other, end where) {
   const std::size_t count = other.views_.size();
   views_.make_room(count);
   for (std::size_t i = 0; i < count; ++i) {
-    // At the front the last view goes first; in a buffer added to itself it stays the last.
-    const std::size_t from =
-        where == end::back ? i : other.views_.size() - 1 - (&other == this ? 0 : i);
+    // At the front the last view goes first. Added to itself the buffer moves on by one each time.
+    const std::size_t back_to_front = count - 1 - (&other == this ? 0 : i);
+    const std::size_t from = where == end::back ? i : back_to_front;
     views_.push(view(other.views_[from]), where);
   }
   total_ += added;
 }
 
-void buffer::add_memory(char* memory, std::int32_t length, end where, access rights,
+void buffer::add_memory(char* memory, std::int32_t length, end where, memory_rights rights,
                         release_function release, void* context) {
   if (length < 1) {
     if (release != nullptr) release(context);

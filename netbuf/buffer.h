@@ -22,7 +22,7 @@ class buffer {
   const view& view_at(std::size_t i) const noexcept { return views_[i]; }
 
   void add(const buffer& other, end where);
-  void add_memory(char* memory, std::int32_t length, end where, access rights,
+  void add_memory(char* memory, std::int32_t length, end where, memory_rights rights,
                   release_function release, void* context);
   void take(buffer& other, end where);
 

@@ -41,6 +41,13 @@ const netbuf_imp::operations& netbuf_imp::installed_operations() {
   return g_operations;
 }
 
+std::int32_t netbuf_imp::checked_length(std::size_t bytes) {
+  if (bytes > static_cast<std::size_t>(netbuf::everything)) {
+    throw std::length_error("netbuf: too long");
+  }
+  return static_cast<std::int32_t>(bytes);
+}
+
 bool netbuf::install(void** table) {
   if (g_installed || table == nullptr) return false;
   // Deliberate: entry 22 is not copied.
@@ -97,9 +104,8 @@ void netbuf::append(const netbuf& other) {
 }
 
 void netbuf::append(const std::string& s) {
-  if (s.size() > static_cast<std::size_t>(everything)) throw std::length_error("netbuf: too long");
-  if (s.empty()) return;
-  std::memcpy(allocate_back(static_cast<std::int32_t>(s.size())), s.data(), s.size());
+  char* added = allocate_back(netbuf_imp::checked_length(s.size()));
+  if (added != nullptr) std::memcpy(added, s.data(), s.size());
 }
 
 char* netbuf::allocate_back(std::int32_t n) {

@@ -98,9 +98,11 @@ class netbuf {
   /// The content as a string. Makes the memory of the whole content contiguous on the way.
   std::string to_string() const;
 
- private:
+  /// The implementation's object behind this buffer, for the operations that only the table has
+  /// (`netbuf_imp::installed_operations`). It stays this buffer's.
   void* object();
 
+ private:
   // Null only after the content was moved away: an empty buffer whose object is not made yet.
   void* object_;
 };

@@ -125,10 +125,10 @@ class nchunk final : public chunk {
 class cchunk final : public chunk {
  public:
   /// Calls `release` with `context` at its end, unless it is null.
-  cchunk(char* memory, std::int32_t capacity, access rights, release_function release,
+  cchunk(char* memory, std::int32_t capacity, memory_rights rights, release_function release,
          void* context) noexcept
       : chunk(memory, capacity),
-        read_only_(rights == access::read_only),
+        read_only_(rights == memory_rights::read_only),
         release_(release),
         context_(context) {}
   ~cchunk() override;

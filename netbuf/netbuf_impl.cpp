@@ -39,7 +39,7 @@ std::int32_t size(const void* self) {
 void add(void* self, const void* other, end where) {
   of(self).add(of(other), where);
 }
-void add_memory(void* self, char* memory, std::int32_t length, end where, access rights,
+void add_memory(void* self, char* memory, std::int32_t length, end where, memory_rights rights,
                 release_function release, void* context) {
   of(self).add_memory(memory, length, where, rights, release, context);
 }

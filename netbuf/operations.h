@@ -20,15 +20,16 @@
 ///   memory, which the implementation has to keep safe.
 ///
 /// `netbuf` itself calls entries 1 to 5, 7, 9, 10, 11 and 28. The rest is for code that works on
-/// the installed table directly (`netbuf_imp::installed_operations`).
+/// the installed table directly: `netbuf_imp::installed_operations` with `netbuf::object`.
 
+#include <cstddef>
 #include <cstdint>
 
 namespace netbuf_imp {
 
 enum class end : std::int32_t { front = 0, back = 1 };
 enum class after_copy : std::int32_t { keep = 0, remove = 1 };
-enum class access : std::int32_t { writable = 0, read_only = 1 };
+enum class memory_rights : std::int32_t { writable = 0, read_only = 1 };
 
 /// A position among the stretches of contiguous memory that a buffer consists of. Memory of the
 /// caller's that an implementation uses as it likes; nothing has to be released. Any change of the
@@ -69,7 +70,7 @@ struct operations {
   /// bytes are erased from a buffer that alone holds it, later growth may be written there. With
   /// `length` below 1 nothing is added and `release` is called at once; when the entry throws,
   /// the memory stays the caller's and `release` is not called.
-  void (*add_memory)(void* self, char* memory, std::int32_t length, end where, access rights,
+  void (*add_memory)(void* self, char* memory, std::int32_t length, end where, memory_rights rights,
                      release_function release, void* context);
 
   /// 7: grows by `n` bytes at one end; the address of the new, uninitialised bytes.
@@ -159,5 +160,8 @@ static_assert(sizeof(operations) == operation_count * sizeof(void*));
 /// The installed table, with null for entry 22. Before a table is installed its entries throw
 /// `std::logic_error` "netbuf: no operation table is installed".
 const operations& installed_operations();
+
+/// `bytes` as a length. Throws `std::length_error` "netbuf: too long" beyond 0x7fffffff.
+std::int32_t checked_length(std::size_t bytes);
 
 }  // namespace netbuf_imp
