@@ -6,11 +6,11 @@
 #include <cstring>
 #include <utility>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/hooks.h"
 #include "muro/core/log_dumper.h"
 #include "muro/core/log_shrink.h"
 #include "muro/core/log_text.h"
-#include "muro/sys/errno_guard.h"
 #include "muro/sys/files.h"
 #include "muro/sys/xfile.h"
 #include "platform/platform.h"

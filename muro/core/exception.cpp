@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "muro/sys/errno_guard.h"
+#include "muro/core/errno_guard.h"
 
 namespace muro {
 

@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/log_settings.h"
-#include "muro/sys/errno_guard.h"
 #include "muro/sys/user_switch.h"
 
 namespace muro {
