@@ -10,7 +10,7 @@
 #include <iterator>
 
 #include "muro/core/exception.h"
-#include "muro/sys/errno_guard.h"
+#include "muro/core/errno_guard.h"
 #include "muro/sys/files.h"
 #include "muro/sys/user_switch.h"
 #include "platform/platform.h"
