@@ -9,8 +9,8 @@
 #include <climits>
 #include <iterator>
 
-#include "muro/core/exception.h"
 #include "muro/core/errno_guard.h"
+#include "muro/core/exception.h"
 #include "muro/sys/files.h"
 #include "muro/sys/user_switch.h"
 #include "platform/platform.h"

@@ -9,9 +9,9 @@
 #include <limits>
 #include <utility>
 
+#include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
 #include "muro/sys/child_start.h"
-#include "muro/core/errno_guard.h"
 #include "muro/sys/event_wait.h"
 #include "muro/sys/pipe.h"
 #include "muro/sys/time.h"
