@@ -34,10 +34,10 @@ effective_user_gate::~effective_user_gate() {
   ::pthread_mutex_unlock(&gate);
 }
 
-user_switch::user_switch(unsigned long long uid) {
+user_switch::user_switch(unsigned long long uid, const char* caller) {
   errno = refusal(uid);
   if (errno != 0 || ::seteuid(static_cast<uid_t>(uid)) != 0) {
-    throw exception::system_error("user_switch", "seteuid");
+    throw exception::system_error(caller, "seteuid");
   }
 }
 

@@ -6,10 +6,10 @@
 /// The effective user id belongs to the whole process: while one thread borrows a user's rights,
 /// every other thread has them too. What must be done as root meanwhile waits at the gate:
 ///
-///     send_to_sock                      log dumper
-///     user_switch as_user(501);         effective_user_gate as_root;
-///       socket, connect                   open, create, rotate the log file
-///     (back to 0, gate open)            (gate open)
+///     send_to_sock                        log dumper
+///     user_switch as_user(501, caller);   effective_user_gate as_root;
+///     socket, connect                     open, create, rotate the log file
+///     (user 0 again, gate open)           (gate open)
 ///
 /// The gate is one process-wide mutex, constant-initialised and never destroyed; it is not
 /// recursive. Whoever holds it neither waits for the log nor takes another lock.
@@ -33,10 +33,10 @@ class effective_user_gate {
 class user_switch {
  public:
   /// Waits for the gate, then `seteuid(uid)` (seteuid(2)). Throws `muro::exception`
-  /// ":Error from 'seteuid' (called in 'user_switch'): " with number and text, the effective user
+  /// ":Error from 'seteuid' (called in 'CALLER'): " with number and text, the effective user
   /// unchanged and the gate open, when the system refuses, when `uid` fits no user id (EINVAL), or
   /// when the process is not user 0 to begin with and so could not come back (EPERM).
-  explicit user_switch(unsigned long long uid);
+  user_switch(unsigned long long uid, const char* caller);
 
   /// Makes user 0 the effective user again and opens the gate; keeps errno. If the system refuses,
   /// the process ends at once by SIGKILL, without unwinding and without exit handlers: nothing of
