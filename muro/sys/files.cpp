@@ -134,10 +134,10 @@ bool file_exists(std::string path) {
 void set_executable(std::string path) {
   struct stat status;
   if (::stat(os_path(path), &status) != 0) fail("get_file_mode");
-  const mode_t mode = status.st_mode & 07777;
+  const auto mode = static_cast<mode_t>(status.st_mode & 07777);
   // Each class's execute bit lies two below its read bit.
-  const mode_t readable = mode & (S_IRUSR | S_IRGRP | S_IROTH);
-  if (::chmod(os_path(path), mode | readable >> 2) != 0) fail("set_executable");
+  const auto executable = (mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 2;
+  if (::chmod(os_path(path), static_cast<mode_t>(mode | executable)) != 0) fail("set_executable");
 }
 
 void remove_directory(std::string path) {

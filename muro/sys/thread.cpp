@@ -266,7 +266,7 @@ void thread::report_failed_start(const start_outcome& outcome) {
     }
     log.fmt_verbose("error count: %1%", outcome.error_count);
   } catch (...) {
-    // The failure itself matters more than its report.
+    // Out of memory: the failure itself matters more than its report.
   }
   reporting = false;
 }
@@ -372,5 +372,5 @@ slock::slock(pthread_mutex_t& mutex) : mutex_(&mutex) {
 }
 
 slock::~slock() {
-  ::pthread_mutex_unlock(mutex_);
+  muro::detail::g_thread_calls.mutex_unlock.load()(mutex_);
 }
