@@ -31,7 +31,7 @@ void file(const std::string& path, const std::string& text, mode_t mode) {
   check(::fchmod(out.get(), mode), "chmod " + path);
 }
 
-/// Copies a program that stands beside this launcher.
+/// Copies a program that was built beside this launcher.
 void program(const std::string& name, const std::string& path) {
   const std::string from = std::string(kMachine) + KORVEL_SIM_FOLDER + "/" + name;
   const unique_fd in(check(::open(from.c_str(), O_RDONLY | O_CLOEXEC), "open " + name));
@@ -80,6 +80,7 @@ void make_program_folders() {
     if (::access((std::string(kMachine) + "/usr/bin/" + name).c_str(), F_OK) == 0)
       link("../usr/bin/" + name, "/bin/" + name);
   link("usr/sbin", "/sbin");
+  program("macroot-launchctl", "/bin/launchctl");
 }
 
 void make_usr() {
@@ -180,6 +181,9 @@ void make_library(const std::string& release) {
         "/System/Library/LaunchDaemons", "/Volumes"})
     folder(path, 0755);
   folder("/Library/Application Support", 0755);
+  const std::string window = "/System/Library/CoreServices/loginwindow.app/Contents/MacOS";
+  make_folders(window);
+  program("macroot-loginwindow", window + "/loginwindow");
   file("/System/Library/CoreServices/SystemVersion.plist", version_text(release), 0644);
 }
 

@@ -1,12 +1,9 @@
 // The stand-in for the client application: writes down how it was started, as one line of JSON at
 // the end of /var/log/korvel-client.jsonl and as a message to the simulated launchd if there is
-// one, then stays until SIGTERM. Bytes of arguments and file contents become the code points of
-// the same number, so that any byte survives.
+// one, then stays until SIGTERM.
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,23 +12,13 @@
 #include <cstring>
 #include <string>
 
-namespace {
+#include "sim/mac/wire.h"
 
-std::string quoted(const std::string& text) {
-  std::string result = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    char escape[8];
-    std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-    const bool plain = byte >= 0x20 && byte < 0x7f && c != '"' && c != '\\';
-    result += plain ? std::string(1, c) : escape;
-  }
-  return result + "\"";
-}
+namespace {
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
-  return value == nullptr ? "null" : quoted(value);
+  return value == nullptr ? "null" : mac::quoted(value);
 }
 
 /// The value of the option `name`, or null.
@@ -50,12 +37,10 @@ std::string content(const char* path) {
   for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < 65536;)
     text.append(buffer, static_cast<std::size_t>(n));
   ::close(fd);
-  return quoted(text);
+  return mac::quoted(text);
 }
 
 std::string record(int argc, char** argv) {
-  std::string words;
-  for (int i = 0; i < argc; ++i) words += (i == 0 ? "" : ", ") + quoted(argv[i]);
   const char* restore = option(argc, argv, "--connect-restore");
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -64,10 +49,11 @@ std::string record(int argc, char** argv) {
                 now.tv_nsec / 1000);
   return std::string("{\"time\": ") + time + ", \"pid\": " + std::to_string(::getpid()) +
          ", \"uid\": " + std::to_string(::getuid()) + ", \"gid\": " + std::to_string(::getgid()) +
-         ", \"argv\": [" + words + "], \"session\": " + variable("XDG_SESSION_ID") +
+         ", \"argv\": " + mac::quoted_list(argc, argv) +
+         ", \"session\": " + variable("XDG_SESSION_ID") +
          ", \"session_type\": " + variable("XDG_SESSION_TYPE") + ", \"home\": " + variable("HOME") +
          ", \"user\": " + variable("USER") +
-         ", \"restore_file\": " + (restore == nullptr ? "null" : quoted(restore)) +
+         ", \"restore_file\": " + (restore == nullptr ? "null" : mac::quoted(restore)) +
          ", \"restore_exists\": " +
          (restore != nullptr && ::access(restore, F_OK) == 0 ? "true" : "false") +
          ", \"restore_content\": " + content(restore) + "}";
@@ -80,18 +66,6 @@ void append(const std::string& line) {
   ::close(fd);
 }
 
-void tell_launchd(const std::string& line) {
-  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, "/var/run/macroot.sock");
-  const std::string message = "{\"op\": \"client\", \"record\": " + line + "}";
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
-      [[maybe_unused]]
-    const auto n = ::send(fd, message.data(), message.size(), MSG_NOSIGNAL);
-  ::close(fd);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -101,7 +75,7 @@ int main(int argc, char** argv) {
   ::sigprocmask(SIG_BLOCK, &term, nullptr);
   const std::string line = record(argc, argv);
   append(line + "\n");
-  tell_launchd(line);
+  ::close(mac::send_to_launchd("{\"op\": \"client\", \"record\": " + line + "}"));
   int signal = 0;
   ::sigwait(&term, &signal);
   return 0;

@@ -1,0 +1,73 @@
+"""Process 1 of a simulated Mac: python3 -I launchd [--owner FD] [--throttle S] [--exit-timeout S]."""
+
+import argparse
+import os
+import resource
+import sys
+from dataclasses import dataclass
+
+sys.path[0] = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+# pylint: disable=wrong-import-position
+from launchd.control import Control
+from launchd.ctl import Launchctl
+from launchd.jobs import Launchd
+from launchd.loop import Loop
+from launchd.mac import Mac
+from launchd.overrides import Overrides
+from launchd.releases import Release
+from launchd.server import Server
+from launchd.timeline import Timeline
+
+SYSTEM_LOG = "/var/log/system.log"
+
+
+@dataclass
+class Settings:
+    """How this root differs from a real Mac."""
+
+    throttle_s: float           # what launchd's ten seconds between two starts become
+    exit_timeout_s: float       # what its twenty seconds until SIGKILL become
+    single_id: bool             # only root exists; everybody is root
+    system_log: int             # where the jobs' output goes
+
+
+def options():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--owner", type=int, default=-1)
+    parser.add_argument("--throttle", type=float, default=0.2)
+    parser.add_argument("--exit-timeout", type=float, default=1.0)
+    return parser.parse_args()
+
+
+def open_log():
+    return os.open(SYSTEM_LOG, os.O_WRONLY | os.O_CREAT | os.O_APPEND | os.O_CLOEXEC, 0o644)
+
+
+def main():
+    chosen = options()
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    settings = Settings(chosen.throttle, chosen.exit_timeout,
+                        os.environ.get("KORVEL_MACROOT") == "single", open_log())
+    release, timeline = Release.of_this_root(), Timeline()
+    overrides = Overrides(release)
+
+    def exited(pid, status):
+        if not launchd.process_exited(pid, status):
+            control.process_exited(pid, status)
+
+    loop = Loop(exited)
+    launchd = Launchd(loop, timeline, release, overrides, settings)
+    mac = Mac(loop, timeline, launchd, settings)
+    launchctl = Launchctl(mac, launchd, release, overrides, settings)
+    control = Control(mac, launchd, launchctl, timeline, loop)
+    server = Server(loop, timeline, launchctl, control)
+    server.listen()
+    if chosen.owner >= 0:
+        server.serve_owner(chosen.owner)
+    loop.run()
+
+
+if __name__ == "__main__":
+    main()
