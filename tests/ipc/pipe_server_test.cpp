@@ -1,0 +1,525 @@
+#include "ipc/pipe_server.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "ipc/endpoint.h"
+#include "muro/core/exception.h"
+#include "tests/ipc/recorder.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/frame_client.h"
+#include "tests/support/signal_storm.h"
+#include "tests/support/stopwatch.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using test::frame;
+using test::frame_client;
+
+constexpr std::size_t kMiB = 0x100000;
+// What "promptly" means on a machine that has other work to do.
+constexpr long long kPrompt_ms = 1000;
+
+/// An endpoint whose handler the test chooses. Its own server never serves.
+class handler : public muro::ipc {
+ public:
+  using function = std::function<std::string(long, const std::string&)>;
+  explicit handler(function reply)
+      : ipc(test::endpoint_name(), true, false, defer_serving), reply_(std::move(reply)) {}
+  ~handler() override { stop_serving(); }
+  std::string handle_connection(long descriptor, const std::string& request) override {
+    return reply_(descriptor, request);
+  }
+  std::string handle_request(const std::string&) override { return "not asked"; }
+
+ private:
+  function reply_;
+};
+
+/// A server on a socket of its own, answering through `reply_`.
+class server : public ::testing::Test {
+ protected:
+  static int listen_at(const std::string& path) {
+    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un address = test::socket_address(path);
+    if (::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(descriptor, 20) != 0)
+      throw std::runtime_error("listen");
+    return descriptor;
+  }
+
+  void start() {
+    listening_ = listen_at(path_);
+    server_ = std::make_unique<pipe_server>(listening_, &endpoint_, how_);
+  }
+  void start_with(handler::function reply) {
+    reply_ = std::move(reply);
+    start();
+  }
+  frame_client connect() { return frame_client(path_); }
+  /// The next client is served, so the thread has survived.
+  void expect_serving() { EXPECT_EQ(connect().ask("still there"), reply_(0, "still there")); }
+  void expect_prompt_end() {
+    const test::stopwatch watch;
+    server_.reset();
+    EXPECT_LT(watch.ms(), kPrompt_ms);
+  }
+
+  test::temp_dir folder_;
+  std::string path_ = folder_ / "socket";
+  pipe_server::settings how_;
+  handler::function reply_ = [](long, const std::string& request) { return "<" + request + ">"; };
+  handler endpoint_{[this](long d, const std::string& r) { return reply_(d, r); }};
+  std::unique_ptr<pipe_server> server_;
+  int listening_ = -1;
+};
+
+TEST_F(server, answers_one_frame_with_one_frame_and_closes) {
+  start();
+  frame_client client = connect();
+  client.send_frame("hello");
+  EXPECT_EQ(client.receive_all(), frame("<hello>"));
+}
+
+TEST_F(server, length_is_four_bytes_least_significant_first) {
+  start();
+  frame_client client = connect();
+  client.send_bytes(std::string("\x02\0\0\0ab", 6));
+  EXPECT_EQ(client.receive_all(), std::string("\x04\0\0\0<ab>", 8));
+}
+
+TEST_F(server, empty_request_and_empty_reply_are_frames) {
+  start_with([](long, const std::string& request) {
+    return request.empty() ? "" : "the request was not empty";
+  });
+  frame_client client = connect();
+  client.send_frame("");
+  EXPECT_EQ(client.receive_all(), std::string(4, '\0'));
+}
+
+TEST_F(server, bodies_of_one_mebibyte_pass_in_both_directions) {
+  start_with([](long, const std::string& request) { return request; });
+  const std::string largest(kMiB, 'm');
+  EXPECT_EQ(connect().ask(largest), largest);
+}
+
+TEST_F(server, announced_byte_too_many_is_dropped_without_a_reply) {
+  start();
+  frame_client client = connect();
+  client.send_bytes(std::string("\x01\0\x10\0", 4));
+  EXPECT_EQ(client.receive_all(), "");
+  expect_serving();
+}
+
+TEST_F(server, largest_announced_length_is_dropped_without_a_reply) {
+  start();
+  frame_client client = connect();
+  client.send_bytes("\xff\xff\xff\xff");
+  EXPECT_EQ(client.receive_all(), "");
+  expect_serving();
+}
+
+TEST_F(server, reply_that_is_too_long_is_not_sent) {
+  start_with([](long, const std::string& request) {
+    return request == "much" ? std::string(kMiB + 1, 'x') : request;
+  });
+  frame_client client = connect();
+  client.send_frame("much");
+  EXPECT_EQ(client.receive_all(), "");
+  expect_serving();
+}
+
+TEST_F(server, client_that_leaves_without_a_word_costs_nothing) {
+  start();
+  { frame_client client = connect(); }
+  expect_serving();
+}
+
+TEST_F(server, request_cut_short_is_dropped_without_calling_the_handler) {
+  start_with([](long, const std::string& request) {
+    EXPECT_EQ(request, "still there");
+    return request;
+  });
+  for (std::size_t cut = 0; cut < frame("request").size(); ++cut) {
+    frame_client client = connect();
+    client.send_bytes(frame("request").substr(0, cut));
+    client.stop_sending();
+    EXPECT_EQ(client.receive_all(), "") << cut;
+  }
+  expect_serving();
+}
+
+TEST_F(server, request_in_single_bytes_is_put_together) {
+  start();
+  frame_client client = connect();
+  for (const char byte : frame("slowly")) client.send_bytes({byte});
+  EXPECT_EQ(client.receive_reply(), "<slowly>");
+}
+
+TEST_F(server, one_connection_carries_one_request) {
+  start();
+  frame_client client = connect();
+  client.send_bytes(frame("first") + frame("second"));
+  EXPECT_EQ(client.receive_all(), frame("<first>"));
+}
+
+TEST_F(server, client_that_left_before_its_reply_raises_no_signal) {
+  const auto before = ::signal(SIGPIPE, SIG_DFL);
+  std::promise<void> left;
+  start_with([&, gone = std::make_shared<std::shared_future<void>>(left.get_future())](
+                 long, const std::string& request) {
+    gone->wait();
+    return request;
+  });
+  {
+    frame_client client = connect();
+    client.send_frame("never mind");
+  }
+  left.set_value();
+  expect_serving();
+  ::signal(SIGPIPE, before);
+}
+
+TEST_F(server, connections_are_served_one_after_another) {
+  std::atomic<int> at_once{0};
+  start_with([&](long, const std::string& request) {
+    EXPECT_EQ(++at_once, 1);
+    std::this_thread::yield();
+    --at_once;
+    return request;
+  });
+  std::vector<std::future<std::optional<std::string>>> clients;
+  for (int i = 0; i < 8; ++i)
+    clients.push_back(std::async(std::launch::async, [this] { return connect().ask("x"); }));
+  for (auto& client : clients) EXPECT_EQ(client.get(), "x");
+}
+
+TEST_F(server, handler_gets_a_blocking_connection_that_closes_on_exec) {
+  how_.accept = [](int listening, sockaddr* address, socklen_t* length) {
+    return ::accept4(listening, address, length, SOCK_NONBLOCK);
+  };
+  start_with([](long descriptor, const std::string&) -> std::string {
+    const int fd = static_cast<int>(descriptor);
+    if (::fcntl(fd, F_GETFL) & O_NONBLOCK) return "not blocking";
+    return ::fcntl(fd, F_GETFD) & FD_CLOEXEC ? "both" : "inherited";
+  });
+  EXPECT_EQ(connect().ask(""), "both");
+}
+
+TEST_F(server, listening_socket_does_not_block) {
+  start();
+  connect().ask("");
+  EXPECT_TRUE(::fcntl(listening_, F_GETFL) & O_NONBLOCK);
+}
+
+TEST_F(server, has_no_name) {
+  start();
+  EXPECT_EQ(server_->name(), "");
+}
+
+TEST_F(server, owns_the_listening_socket) {
+  start();
+  server_.reset();
+  EXPECT_FALSE(test::is_open(listening_));
+}
+
+TEST_F(server, leaves_no_descriptor) {
+  const std::set<int> before = test::open_descriptors();
+  start();
+  connect().ask("x");
+  server_.reset();
+  EXPECT_EQ(test::open_descriptors(), before);
+}
+
+TEST_F(server, without_a_stop_pipe_throws_and_leaves_the_socket_to_its_maker) {
+  const muro::unique_fd listening(listen_at(path_));
+  test::descriptor_limit none_left(test::lowest_free());
+  try {
+    pipe_server failed(listening.get(), &endpoint_);
+    FAIL() << "no exception";
+  } catch (const muro::exception& e) {
+    EXPECT_EQ(e.description(),
+              ":Error from 'pipe' (called in 'pipe_server'): 24, Too many open files");
+  }
+  EXPECT_TRUE(test::is_open(listening.get()));
+}
+
+TEST_F(server, ends_promptly_when_nobody_is_connected) {
+  start();
+  expect_serving();
+  expect_prompt_end();
+}
+
+TEST_F(server, ends_promptly_when_deferred_and_never_started) {
+  how_.deferred = true;
+  start();
+  expect_prompt_end();
+}
+
+TEST_F(server, ends_promptly_though_a_client_says_nothing) {
+  start();
+  frame_client silent = connect();
+  silent.send_bytes("\x05");
+  expect_prompt_end();
+  EXPECT_EQ(silent.receive_all(), "");
+}
+
+TEST_F(server, ends_promptly_though_a_client_does_not_take_its_reply) {
+  std::promise<void> handled;
+  start_with([&](long, const std::string&) {
+    handled.set_value();
+    return std::string(kMiB, 'r');
+  });
+  frame_client client = connect();
+  client.send_frame("");
+  handled.get_future().wait();
+  expect_prompt_end();
+}
+
+TEST_F(server, silent_client_is_dropped_after_the_limit) {
+  how_.frame_limit_ms = 60;
+  start();
+  const test::stopwatch watch;
+  frame_client silent = connect();
+  EXPECT_EQ(silent.receive_all(), "");
+  EXPECT_GE(watch.ms(), 40);  // the clock has ticks of 10 ms
+  expect_serving();
+}
+
+TEST_F(server, trickling_client_gets_no_more_time_than_a_silent_one) {
+  how_.frame_limit_ms = 60;
+  start();
+  frame_client client = connect();
+  client.send_bytes(std::string("\0\0\x10\0", 4));
+  const test::stopwatch watch;
+  while (client.send_bytes("x") && watch.ms() < 10000)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_LT(watch.ms(), 10000);
+  expect_serving();
+}
+
+TEST_F(server, client_that_does_not_take_its_reply_is_dropped_after_the_limit) {
+  how_.frame_limit_ms = 60;
+  start_with([](long, const std::string& request) {
+    return request == "much" ? std::string(kMiB, 'r') : request;
+  });
+  frame_client client = connect();
+  client.send_frame("much");
+  expect_serving();
+  EXPECT_LT(client.receive_all().size(), kMiB);
+}
+
+TEST_F(server, reply_has_a_limit_of_its_own_however_long_the_handler_took) {
+  how_.frame_limit_ms = 60;
+  start_with([](long, const std::string& request) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(90));
+    return request;
+  });
+  EXPECT_EQ(connect().ask("late"), "late");
+}
+
+TEST_F(server, whole_frame_has_thirty_seconds) {
+  EXPECT_EQ(pipe_server::settings{}.frame_limit_ms, 30000);
+}
+
+std::atomic<int> accept_calls{0};
+template <int Error, int Failures>
+int failing_accept(int listening, sockaddr* address, socklen_t* length) {
+  if (++accept_calls > Failures) return ::accept(listening, address, length);
+  errno = Error;
+  return -1;
+}
+
+TEST_F(server, rests_when_it_cannot_take_a_client_and_then_takes_it) {
+  accept_calls = 0;
+  how_.accept = failing_accept<EMFILE, 2>;
+  start();
+  const test::stopwatch watch;
+  EXPECT_EQ(connect().ask("patient"), "<patient>");
+  EXPECT_GE(watch.ms(), 200);
+  EXPECT_EQ(accept_calls, 3);
+}
+
+TEST_F(server, ends_promptly_though_no_client_can_be_taken) {
+  accept_calls = 0;
+  how_.accept = failing_accept<ENFILE, 1000000>;
+  start();
+  frame_client client = connect();
+  while (accept_calls == 0) std::this_thread::yield();
+  expect_prompt_end();
+  EXPECT_LT(accept_calls, 30);
+}
+
+TEST_F(server, tries_again_at_once_when_another_wake_up_took_the_client) {
+  accept_calls = 0;
+  how_.accept = failing_accept<EAGAIN, 50>;
+  start();
+  const test::stopwatch watch;
+  EXPECT_EQ(connect().ask("x"), "<x>");
+  EXPECT_LT(watch.ms(), 50 * 100);
+  EXPECT_EQ(accept_calls, 51);
+}
+
+TEST_F(server, real_shortage_of_descriptors_only_delays_a_client) {
+  how_.deferred = true;
+  start();
+  frame_client client = connect();
+  client.send_frame("patient");
+  {
+    test::descriptor_limit none_left(test::lowest_free());
+    server_->serve();
+    pollfd entry{client.descriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&entry, 1, 30), 0);
+  }
+  EXPECT_EQ(client.receive_reply(), "<patient>");
+}
+
+TEST_F(server, exception_from_the_handler_ends_the_process) {
+  EXPECT_DEATH(
+      {
+        start_with(
+            [](long, const std::string&) -> std::string { throw std::runtime_error("escaped"); });
+        connect().ask("x");
+        std::_Exit(0);
+      },
+      "escaped");
+}
+
+/// Two connected ends on which frames travel.
+class transfer : public ::testing::Test {
+ protected:
+  transfer() {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("socketpair");
+    near_.reset(ends[0]);
+    far_.reset(ends[1]);
+  }
+  void far_sends(const std::string& bytes) {
+    EXPECT_EQ(::write(far_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  std::string far_receives(std::size_t length) {
+    std::string bytes(length, '\0');
+    const ssize_t got = ::recv(far_.get(), bytes.data(), length, MSG_DONTWAIT);
+    return bytes.substr(0, got < 0 ? 0 : static_cast<std::size_t>(got));
+  }
+  bool read_exactly(int length) {
+    bytes_.assign(static_cast<std::size_t>(length), '\0');
+    return pipe_server::read_(near_.get(), reinterpret_cast<unsigned char*>(bytes_.data()), length);
+  }
+
+  muro::unique_fd near_;
+  muro::unique_fd far_;
+  std::string bytes_;
+};
+
+TEST_F(transfer, nothing_succeeds_on_any_descriptor) {
+  unsigned char byte = 0;
+  EXPECT_TRUE(pipe_server::read_(-1, &byte, 0));
+  EXPECT_TRUE(pipe_server::write_(-1, &byte, 0));
+}
+
+TEST_F(transfer, negative_length_is_refused) {
+  unsigned char byte = 0;
+  EXPECT_FALSE(pipe_server::read_(near_.get(), &byte, -1));
+  EXPECT_FALSE(pipe_server::write_(near_.get(), &byte, -1));
+}
+
+TEST_F(transfer, reads_exactly_what_is_asked_for) {
+  far_sends("abcdef");
+  EXPECT_TRUE(read_exactly(4));
+  EXPECT_EQ(bytes_, "abcd");
+  EXPECT_TRUE(read_exactly(2));
+  EXPECT_EQ(bytes_, "ef");
+}
+
+TEST_F(transfer, reads_on_after_a_short_part) {
+  far_sends("ab");
+  std::thread later([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    far_sends("cd");
+  });
+  EXPECT_TRUE(read_exactly(4));
+  EXPECT_EQ(bytes_, "abcd");
+  later.join();
+}
+
+TEST_F(transfer, reading_fails_when_the_peer_closes_midway) {
+  far_sends("ab");
+  far_.reset();
+  EXPECT_FALSE(read_exactly(4));
+}
+
+TEST_F(transfer, reading_is_not_retried_after_a_signal) {
+  const test::signal_storm storm;
+  EXPECT_FALSE(read_exactly(1));
+  EXPECT_EQ(errno, EINTR);
+}
+
+TEST_F(transfer, reading_fails_on_a_closed_descriptor) {
+  unsigned char byte = 0;
+  EXPECT_FALSE(pipe_server::read_(98765, &byte, 1));
+}
+
+TEST_F(transfer, writes_exactly_what_it_is_given) {
+  const unsigned char bytes[] = {'a', 'b', 'c'};
+  EXPECT_TRUE(pipe_server::write_(near_.get(), bytes, 2));
+  EXPECT_EQ(far_receives(10), "ab");
+}
+
+TEST_F(transfer, writing_fails_on_a_closed_descriptor) {
+  const unsigned char byte = 'a';
+  EXPECT_FALSE(pipe_server::write_(98765, &byte, 1));
+}
+
+TEST_F(transfer, large_frame_is_moved_in_as_many_parts_as_it_takes) {
+  const std::string body(kMiB, 'f');
+  std::thread writer([&] { EXPECT_TRUE(pipe_server::write_(far_.get(), body)); });
+  std::string read;
+  EXPECT_TRUE(pipe_server::read_(near_.get(), read));
+  writer.join();
+  EXPECT_EQ(read, body);
+}
+
+TEST_F(transfer, frame_is_its_length_and_its_body) {
+  EXPECT_TRUE(pipe_server::write_(near_.get(), std::string("ab")));
+  EXPECT_EQ(far_receives(100), std::string("\x02\0\0\0ab", 6));
+}
+
+TEST_F(transfer, frame_replaces_what_the_string_held) {
+  far_sends(frame("new"));
+  std::string out = "something longer that was here before";
+  EXPECT_TRUE(pipe_server::read_(near_.get(), out));
+  EXPECT_EQ(out, "new");
+}
+
+TEST_F(transfer, frame_that_is_too_long_is_not_even_begun) {
+  EXPECT_FALSE(pipe_server::write_(near_.get(), std::string(kMiB + 1, 'x')));
+  EXPECT_EQ(far_receives(1), "");
+}
+
+TEST_F(transfer, frame_announcing_too_much_is_refused) {
+  far_sends(std::string("\x01\0\x10\0", 4));
+  std::string out;
+  EXPECT_FALSE(pipe_server::read_(near_.get(), out));
+}
+
+TEST_F(transfer, frame_without_its_whole_length_or_body_is_refused) {
+  for (const std::string& bytes : {std::string("\x02\0\0", 3), std::string("\x02\0\0\0a", 5)}) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    near_.reset(ends[0]);
+    far_.reset(ends[1]);
+    far_sends(bytes);
+    far_.reset();
+    std::string out;
+    EXPECT_FALSE(pipe_server::read_(near_.get(), out));
+  }
+}
+
+}  // namespace
