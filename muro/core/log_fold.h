@@ -32,6 +32,9 @@ class log_folder {
   /// Forgets the line before, so that the next one is written in full.
   void forget();
 
+  /// The size of the buffer that keeps the line before: 64 KiB, or more while that line is longer.
+  std::size_t capacity() const { return capacity_; }
+
  private:
   bool is_repeat(std::string_view line, std::size_t prefix_length) const;
   void remember(std::string_view line, std::size_t prefix_length);

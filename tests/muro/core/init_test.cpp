@@ -24,6 +24,7 @@
 #include "muro/sys/xfile.h"
 #include "netbuf/netbuf.h"
 #include "netbuf/netbuf_imp.h"
+#include "tests/muro/core/own_process.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -31,30 +32,8 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// What a process that starts the runtime found wrong goes to standard error, and its status tells.
-int failures = 0;
-
-void check(bool ok, const std::string& what) {
-  if (ok) return;
-  ++failures;
-  std::fprintf(stderr, "WRONG: %s\n", what.c_str());
-}
-
-#define CHECK_THAT(condition) check(condition, #condition)
-
-[[noreturn]] void finish() {
-  muro::errlog::wait_for_flush();
-  std::_Exit(failures == 0 ? 0 : 1);
-}
-
-/// Every test starts the runtime in a process of its own, executed anew.
-class init_test : public testing::Test {
- protected:
-  init_test() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
-#define EXPECT_IN_OWN_PROCESS(statement, errors) \
-  EXPECT_EXIT((statement, finish()), testing::ExitedWithCode(0), errors)
+/// Every test starts the runtime in a process of its own.
+class init_test : public test::own_process_test {};
 
 std::string text_of_failed_start(muro_api_t* api) {
   try {
@@ -187,7 +166,7 @@ void check_slots(const host_table& table, std::int32_t version) {
     if (offset == 252) continue;
     const bool taken = slot.version <= version;
     const bool as_expected = stored(offset) == (taken ? table.at(offset) : nullptr);
-    check(as_expected, "slot " + std::to_string(offset) + (taken ? " is taken" : " is left"));
+    test::check(as_expected, "slot " + std::to_string(offset) + (taken ? " is taken" : " is left"));
   }
 }
 
@@ -262,8 +241,9 @@ void start_and_record(muro_api_t* api) {
 TEST_F(init_test, steps_run_in_their_order) {
   const auto story = [] {
     start_and_record(nullptr);
-    check(joined(steps()) == common_steps + "disable_sigpipe disable_sigchild ip_address::init ",
-          joined(steps()));
+    test::check(
+        joined(steps()) == common_steps + "disable_sigpipe disable_sigchild ip_address::init ",
+        joined(steps()));
   };
   EXPECT_IN_OWN_PROCESS(story(), "");
 }
@@ -271,7 +251,7 @@ TEST_F(init_test, steps_run_in_their_order) {
 TEST_F(init_test, host_keeps_its_signals) {
   const auto story = [] {
     start_and_record(host_table(22).api());
-    check(joined(steps()) == common_steps + "ip_address::init ", joined(steps()));
+    test::check(joined(steps()) == common_steps + "ip_address::init ", joined(steps()));
     struct sigaction action;
     ::sigaction(SIGPIPE, nullptr, &action);
     CHECK_THAT(action.sa_handler == SIG_DFL);
@@ -473,7 +453,8 @@ TEST_F(init_test, finished_lines_need_no_release_function) {
 TEST_F(init_test, older_host_without_a_line_function_leaves_the_log_as_it_is) {
   const auto story = [] {
     muro::init start(host_table(16).put(220, nullptr).api());
-    raw_line("12:00 finished\n", 5);
+    static const std::string finished = "12:00 finished\n";
+    raw_line(finished, 5);
     muro::fmt_dbg("main").fmt_verbose("usual");
   };
   EXPECT_IN_OWN_PROCESS(story(), testing::ContainsRegex("12:00 finished\n.*main: usual\n"));
