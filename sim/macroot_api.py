@@ -67,9 +67,10 @@ class Finished:
         return self.err.decode(errors="replace")
 
 
-def find_launcher():
-    """The launcher: KORVEL_MACROOT_RUN, else the newest that was built in the source tree."""
-    named = os.environ.get("KORVEL_MACROOT_RUN")
+def find_launcher(build=None):
+    """The launcher: of the build folder given, else KORVEL_MACROOT_RUN, else the newest that was
+    built in the source tree."""
+    named = f"{build}/sim/macroot-run" if build else os.environ.get("KORVEL_MACROOT_RUN")
     if named:
         return named
     built = sorted(SOURCE.glob("build/*/sim/macroot-run"), key=lambda path: path.stat().st_mtime)
@@ -195,13 +196,14 @@ class MacRoot:
 
     def __init__(self, release="10.11.6", users=None, client=True, binds=(), build=None,
                  throttle_s=0.2, exit_timeout_s=1.0, launcher=None):
-        """Makes the root; `users` maps names to ids, `binds` are SRC:DST[:rw]. launchd's ten
-        seconds between starts become `throttle_s`, its twenty until SIGKILL `exit_timeout_s`.
-        Throws NoRoot."""
+        """Makes the root; `users` maps names to ids, `binds` are SRC:DST[:rw], `build` is the build
+        folder that stands at /build (the launcher's own unless given). launchd's ten seconds
+        between starts become `throttle_s`, its twenty until SIGKILL `exit_timeout_s`. Throws
+        NoRoot."""
         compileall.compile_dir(SIM / "launchd", quiet=2)
         own, peers = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         info_read, info_write = os.pipe()
-        words = [launcher or find_launcher(), "--release", release, "--info-fd", str(info_write),
+        words = [launcher or find_launcher(build), "--release", release, "--info-fd", str(info_write),
                  "--source", str(SOURCE)]
         for name, uid in (users or {}).items():
             words += ["--user", f"{name}:{uid}"]

@@ -61,7 +61,7 @@ def main():
     launchd = Launchd(loop, timeline, release, overrides, settings)
     mac = Mac(loop, timeline, launchd, settings)
     launchctl = Launchctl(mac, launchd, release, overrides, settings)
-    control = Control(mac, launchd, launchctl, timeline, loop)
+    control = Control(mac, launchd, launchctl, loop, settings.single_id)
     server = Server(loop, timeline, launchctl, control)
     server.listen()
     if chosen.owner >= 0:

@@ -9,7 +9,7 @@ import os
 import pwd
 import signal
 
-from .jobs import PATH, group_ids, session_environment, user_environment
+from .jobs import PATH, credentials, session_environment, user_environment
 from .mac import MacError
 from .spawn import Launch, spawn
 
@@ -28,12 +28,12 @@ def checked(result):
 class Control:
     """The operations, each a method named op_NAME(request, descriptors) -> dictionary or flow."""
 
-    def __init__(self, mac, launchd, launchctl, timeline, loop):
+    def __init__(self, mac, launchd, launchctl, loop, single_id):
         self._mac = mac
         self._launchd = launchd
         self._launchctl = launchctl
-        self._timeline = timeline
         self._loop = loop
+        self._single_id = single_id
         self._commands = {}     # pid to what is called with the command's status
 
     def perform(self, request, descriptors):
@@ -93,8 +93,8 @@ class Control:
                        **request.get("env", {})}
         words = request["argv"]
         pid = spawn(Launch(
-            self._find(words[0]), words, environment, uid=user.pw_uid, gid=user.pw_gid,
-            groups=group_ids(user.pw_name, user.pw_gid), work_folder=request.get("cwd", "/"),
+            self._find(words[0]), words, environment, work_folder=request.get("cwd", "/"),
+            **credentials(user, user.pw_gid, self._single_id),
             context=session.context if session else -1, files=tuple(descriptors),
             terminal=request.get("terminal", False)))
         self._commands[pid] = request["exited"]

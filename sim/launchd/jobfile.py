@@ -7,6 +7,7 @@ list whose keys have the types that the manual tells.
 
 import os
 import plistlib
+import re
 import stat
 from dataclasses import dataclass, field
 from xml.parsers.expat import ExpatError
@@ -26,6 +27,7 @@ TYPES = {
     "WatchPaths": [str], "QueueDirectories": [str], "MachServices": dict, "Sockets": dict,
     "LaunchOnlyOnce": bool, "EnableTransactions": bool, "SessionCreate": bool, "Debug": bool,
 }
+UNKNOWN_ENTITY = re.compile(rb"&(?!(?:lt|gt|amp|quot|apos|#[0-9]+|#x[0-9A-Fa-f]+);)")
 KEEP_ALIVE_TYPES = {"SuccessfulExit": bool, "Crashed": bool, "PathState": {str: bool},
                     "NetworkState": bool, "OtherJobEnabled": {str: bool}}
 
@@ -107,7 +109,11 @@ def read(path, owner=0):
     check_file(path, owner)
     try:
         with open(path, "rb") as file:
-            values = plistlib.load(file)
+            data = file.read()
+        # The document type is external, so that the reader itself lets unknown entities pass.
+        if UNKNOWN_ENTITY.search(data) and not data.startswith(b"bplist"):
+            raise ValueError("unknown entity")
+        values = plistlib.loads(data)
     except (plistlib.InvalidFileException, ExpatError, ValueError, TypeError, KeyError,
             IndexError, AttributeError, OverflowError, RecursionError) as error:
         raise Refusal(releases.INVALID_LIST, f"not a property list: {error}") from None

@@ -46,8 +46,11 @@ class Job:
         self.timer = None
 
 
-def group_ids(name, gid):
-    return os.getgrouplist(name, gid) if name else [gid]
+def credentials(user, gid, single_id):
+    """With whose rights a process of the user runs. Where only one id exists, everybody is root."""
+    if single_id:
+        return {}
+    return {"uid": user.pw_uid, "gid": gid, "groups": os.getgrouplist(user.pw_name, gid)}
 
 
 def identity(job):
@@ -159,17 +162,18 @@ class Launchd:
             self._ended(job, self._release.spawn_failure_status)
             return
         self._running[job.pid] = job
-        self._tell(job, "process-started", pid=job.pid, uid=user.pw_uid, gid=gid,
-                   argv=job.spec.arguments, session=getattr(job.domain.session, "number", None))
+        event = self._tell(
+            job, "process-started", pid=job.pid, uid=user.pw_uid, gid=gid,
+            argv=job.spec.arguments, session=getattr(job.domain.session, "number", None))
+        job.started = event["t"]
 
     def _launch(self, job, user, gid):
         spec, session = job.spec, job.domain.session
-        groups = group_ids(user.pw_name, gid) if user.pw_uid else [gid]
         log = self._settings.system_log
         return Launch(
             program=self._find_program(spec.program), arguments=spec.arguments,
-            environment=self._environment(job, user), uid=user.pw_uid, gid=gid, groups=groups,
-            work_folder=spec.work_folder, umask=spec.umask,
+            environment=self._environment(job, user), work_folder=spec.work_folder,
+            umask=spec.umask, **credentials(user, gid, self._settings.single_id),
             context=session.context if session else -1,
             files=(spec.stdin, spec.stdout or log, spec.stderr or log))
 
@@ -266,4 +270,4 @@ class Launchd:
             job.timer = None
 
     def _tell(self, job, kind, **fields):
-        self._timeline.add(kind, label=job.spec.label, domain=job.domain.name, **fields)
+        return self._timeline.add(kind, label=job.spec.label, domain=job.domain.name, **fields)

@@ -119,6 +119,7 @@ class Server:
         self.loop.watch(self._listener, selectors.EVENT_READ, lambda _: self._accept())
 
     def serve_owner(self, descriptor):
+        os.set_inheritable(descriptor, False)
         self._owner = Connection(self, socket.socket(fileno=descriptor))
         self._subscribe(self._owner)
 

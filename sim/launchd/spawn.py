@@ -6,7 +6,7 @@ import os
 import resource
 import signal
 import termios
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 NEW_CONTEXT = 0x04000000  # CLONE_NEWUTS
 OPEN_FILES = 256
@@ -26,7 +26,7 @@ class Launch:
     environment: dict
     uid: int = 0
     gid: int = 0
-    groups: list = field(default_factory=list)
+    groups: list = None         # None: rights stay as they are
     work_folder: str = "/"
     umask: int = 0o022
     context: int = -1           # descriptor of the bootstrap context to enter, -1 for none
@@ -66,7 +66,7 @@ def _become(launch):
         _checked(_libc.unshare(NEW_CONTEXT))
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(OPEN_FILES, hard), hard))
-    if launch.uid != 0 or launch.gid != 0 or launch.groups:
+    if launch.groups is not None:
         os.setgroups(launch.groups)
         os.setresgid(launch.gid, launch.gid, launch.gid)
         os.setresuid(launch.uid, launch.uid, launch.uid)
@@ -92,7 +92,8 @@ def spawn(launch):
         try:
             _run_child(launch)
         except OSError as error:
-            os.write(write, f"{error.filename or launch.program}: {error.strerror}".encode())
+            where = os.fsdecode(error.filename or launch.program)
+            os.write(write, os.fsencode(f"{where}: {error.strerror}"))
         finally:
             os._exit(127)
     os.close(write)
@@ -100,5 +101,5 @@ def spawn(launch):
     os.close(read)
     if complaint:
         os.waitpid(pid, 0)
-        raise SpawnError(complaint.decode(errors="replace"))
+        raise SpawnError(os.fsdecode(complaint))
     return pid
