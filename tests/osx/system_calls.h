@@ -1,0 +1,33 @@
+#pragma once
+
+/// The system calls of the socket exchange, each of which a test can make fail or look at. The
+/// definitions stand in one source of the test program and take the place of the C library's.
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace test {
+
+struct system_calls {
+  /// Not 0: the call fails with that errno.
+  int socket_error = 0;
+  int sendmsg_error = 0;
+
+  /// The address length of every `connect`.
+  std::vector<socklen_t> connect_lengths;
+  /// The effective user at every `connect`.
+  std::vector<unsigned> connect_users;
+  /// The buffer lengths of every `sendmsg` of a local stream by the thread under test.
+  std::vector<std::vector<std::size_t>> sent;
+  /// Whether any of these had a control buffer.
+  bool sent_control = false;
+  /// The room of every `recvmsg`.
+  std::vector<std::size_t> received_into;
+};
+
+/// What is in force; null lets every call through unseen.
+extern thread_local system_calls* watched;
+
+}  // namespace test
