@@ -86,8 +86,9 @@ def lines_of(events):
 class Channel:
     """Requests, answers and events on the socket to process 1."""
 
-    def __init__(self, sock):
+    def __init__(self, sock, complaint=lambda: ""):
         self._sock = sock
+        self._complaint = complaint
         self._numbers = itertools.count(1)
         self._answers = {}
         self._exits = {}
@@ -100,7 +101,7 @@ class Channel:
         try:
             socket.send_fds(self._sock, [packet], list(descriptors))
         except OSError as error:
-            raise MacFailure(f"the Mac root has ended ({error.strerror})") from None
+            raise self._ended(error.strerror) from None
         return number
 
     def answer(self, number, limit_s):
@@ -128,10 +129,12 @@ class Channel:
         """Takes one message in; False when none came in time."""
         if not select.select([self._sock], [], [], limit_s)[0]:
             return False
-        packet, descriptors, _, _ = socket.recv_fds(self._sock, PACKET, 8)
+        try:
+            packet, descriptors, _, _ = socket.recv_fds(self._sock, PACKET, 8)
+        except ConnectionResetError:
+            packet = b""
         if not packet:
-            raise MacFailure("the Mac root has ended; latest events:\n"
-                             + lines_of(self.events[-12:]))
+            raise self._ended()
         message = json.loads(packet)
         if "event" in message:
             self.events.append(message)
@@ -140,6 +143,10 @@ class Channel:
         else:
             self._answers[message["id"]] = (message, descriptors)
         return True
+
+    def _ended(self, how=""):
+        return MacFailure(f"the Mac root has ended {how}; latest events:\n"
+                          + lines_of(self.events[-12:]) + "\n" + self._complaint())
 
     def fileno(self):
         return self._sock.fileno()
@@ -213,30 +220,45 @@ class MacRoot:
         words += ["--init", "--", PYTHON, "-IS", str(SIM / "launchd"),
                   "--owner", str(peers.fileno()), "--throttle", str(throttle_s),
                   "--exit-timeout", str(exit_timeout_s)]
+        self._errors = os.memfd_create("stderr")
         self._process = subprocess.Popen(
             words, pass_fds=[peers.fileno(), info_write], stdin=subprocess.DEVNULL,
-            stderr=subprocess.PIPE)
+            stderr=self._errors)
         peers.close()
         os.close(info_write)
         self.release = release
-        self.channel = Channel(own)
+        self.channel = Channel(own, self._complaint)
         self._read_info(info_read)
 
     def _read_info(self, descriptor):
         with os.fdopen(descriptor) as info:
             line = info.read().split()
         if not line:
-            complaint = self._process.communicate()[1].decode().strip()
-            raise NoRoot(complaint) if self._process.returncode == 77 else MacFailure(complaint)
+            status, complaint = self._process.wait(), self._complaint()
+            self.channel.close()
+            os.close(self._errors)
+            raise NoRoot(complaint) if status == 77 else MacFailure(complaint)
         #: process 1 as this machine sees it, and how the root was made (plain, subuid, single)
         self.pid, self.mode = int(line[0]), line[1]
 
+    def _complaint(self):
+        """What the launcher and process 1 have printed as errors."""
+        if self._errors < 0:
+            return ""
+        size = os.fstat(self._errors).st_size
+        return os.pread(self._errors, size, 0).decode(errors="replace").strip()
+
     def close(self):
-        """Ends everything in the root and waits for that."""
-        self.channel.close()
-        self._process.kill()
-        self._process.wait()
-        self._process.stderr.close()
+        """Ends everything in the root and waits until nothing of it is left."""
+        self.channel.close()        # process 1 ends by that
+        try:
+            self._process.wait(10)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+        if self._errors >= 0:
+            os.close(self._errors)
+            self._errors = -1
 
     def __enter__(self):
         return self

@@ -1,6 +1,5 @@
 """Process 1 of a simulated Mac: python3 -I launchd [--owner FD] [--throttle S] [--exit-timeout S]."""
 
-import argparse
 import os
 import resource
 import sys
@@ -32,12 +31,10 @@ class Settings:
     system_log: int             # where the jobs' output goes
 
 
-def options():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--owner", type=int, default=-1)
-    parser.add_argument("--throttle", type=float, default=0.2)
-    parser.add_argument("--exit-timeout", type=float, default=1.0)
-    return parser.parse_args()
+def option(name, default):
+    """The value behind --NAME in the argument list, as a number."""
+    words = sys.argv
+    return float(words[words.index(name) + 1]) if name in words else default
 
 
 def open_log():
@@ -45,10 +42,9 @@ def open_log():
 
 
 def main():
-    chosen = options()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-    settings = Settings(chosen.throttle, chosen.exit_timeout,
+    settings = Settings(option("--throttle", 0.2), option("--exit-timeout", 1.0),
                         os.environ.get("KORVEL_MACROOT") == "single", open_log())
     release, timeline = Release.of_this_root(), Timeline()
     overrides = Overrides(release)
@@ -64,8 +60,9 @@ def main():
     control = Control(mac, launchd, launchctl, loop, settings.single_id)
     server = Server(loop, timeline, launchctl, control)
     server.listen()
-    if chosen.owner >= 0:
-        server.serve_owner(chosen.owner)
+    owner = int(option("--owner", -1))
+    if owner >= 0:
+        server.serve_owner(owner)
     loop.run()
 
 

@@ -75,6 +75,10 @@ class Connection:
             return
         try:
             self.server.received(self, json.loads(data), list(descriptors))
+        except Exception as error:  # pylint: disable=broad-except
+            # A stranger's broken message must not end process 1.
+            self.server.timeline.add("bad-message", error=repr(error))
+            self.close()
         finally:
             for descriptor in descriptors:
                 os.close(descriptor)
