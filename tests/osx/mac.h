@@ -49,6 +49,7 @@ class mac : public ::testing::Test {
     remove_from("/Library/LaunchAgents", "");
     remove_from("/Library/LaunchDaemons", "");
     remove_from("/private/tmp", "launchd-");
+    set_release("10.11.6");
     write_file("/var/run/utmp", "");
     ::setutxent();
     ::endutxent();
@@ -60,12 +61,15 @@ class mac : public ::testing::Test {
     wait_for_detached();
     muro::errlog::set_log_filter(nullptr);
     muro::x_pause_us = nullptr;
+    muro::x_relative_time = nullptr;
     for (const std::string& path : covered_) ::umount2(path.c_str(), MNT_DETACH);
     for (const auto& [path, target] : replaced_) {
       ::unlink(path.c_str());
       if (!target.empty()) std::filesystem::create_symlink(target, path);
     }
     ::setenv("PATH", "/usr/bin:/bin:/usr/sbin:/sbin", 1);
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
     current = nullptr;
   }
 
@@ -97,7 +101,7 @@ class mac : public ::testing::Test {
     write_file(stub, "#!/bin/sh\nfile=$(/usr/bin/mktemp " + std::string(kRecorded) +
                          "/.XXXXXX)\n"
                          "for word in \"$0\" \"$@\"; do printf '%s\\0' \"$word\"; done >$file\n"
-                         "/usr/bin/id -u >$file.user\nnumber=0\n"
+                         "/usr/bin/stat -c %u /proc/$$ >$file.user\nnumber=0\n"
                          "until /usr/bin/ln $file " +
                          kRecorded + "/$number 2>/dev/null; do number=$((number + 1)); done\n" +
                          "/usr/bin/mv $file.user " + kRecorded + "/$number.user\n" + then + "\n");
@@ -109,6 +113,19 @@ class mac : public ::testing::Test {
   static int user_of_run(int index) {
     return std::atoi(read_file(kRecorded + ("/" + std::to_string(index)) + ".user").c_str());
   }
+
+  /// Makes the runtime's clock stand at 0, but for a step at each look while a recorded program is
+  /// hanging in `kHang`.
+  static void step_clock_while_hanging(long long step_ms) {
+    clock_ms = 0;
+    clock_step_ms = step_ms;
+    muro::x_relative_time = [] {
+      if (is_hanging()) clock_ms += clock_step_ms;
+      return clock_ms;
+    };
+  }
+  static constexpr const char* kHang = "exec /usr/bin/sleep 1000";
+  inline static long long clock_ms = 0;
 
   static void set_release(const std::string& version) {
     write_file("/System/Library/CoreServices/SystemVersion.plist",
@@ -146,6 +163,14 @@ class mac : public ::testing::Test {
   static constexpr const char* kRecorded = "/recorded";
   static constexpr const char* kStubs = "/stubs";
   inline static mac* current = nullptr;
+  inline static long long clock_step_ms = 0;
+
+  static bool is_hanging() {
+    for (const pid_t pid : children(true)) {
+      if (read_file("/proc/" + std::to_string(pid) + "/comm") == "sleep\n") return true;
+    }
+    return false;
+  }
 
   static int keep_log_line(const char* text, std::size_t length) {
     if (current != nullptr) current->add("log " + std::string(text, length));

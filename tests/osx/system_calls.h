@@ -1,6 +1,6 @@
 #pragma once
 
-/// The system calls of the socket exchange, each of which a test can make fail or look at. The
+/// The system calls of the launchd layer, each of which a test can make fail or look at. The
 /// definitions stand in one source of the test program and take the place of the C library's.
 
 #include <sys/socket.h>
@@ -12,6 +12,7 @@ namespace test {
 
 struct system_calls {
   /// Not 0: the call fails with that errno.
+  int pipe_error = 0;
   int socket_error = 0;
   int sendmsg_error = 0;
 

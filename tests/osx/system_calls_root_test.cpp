@@ -35,6 +35,11 @@ std::vector<std::size_t> lengths_of(const msghdr& message) {
 
 extern "C" {
 
+int pipe(int ends[2]) noexcept {
+  if (test::watched != nullptr && fails_with(test::watched->pipe_error)) return -1;
+  return static_cast<int>(ask_kernel(SYS_pipe2, ends, 0));
+}
+
 int socket(int domain, int type, int protocol) noexcept {
   if (test::watched != nullptr && fails_with(test::watched->socket_error)) return -1;
   return static_cast<int>(ask_kernel(SYS_socket, domain, type, protocol));
