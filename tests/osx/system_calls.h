@@ -15,6 +15,8 @@ struct system_calls {
   int pipe_error = 0;
   int socket_error = 0;
   int sendmsg_error = 0;
+  /// Not 0: what a `seteuid` that succeeds leaves in errno.
+  int seteuid_errno = 0;
 
   /// The address length of every `connect`.
   std::vector<socklen_t> connect_lengths;

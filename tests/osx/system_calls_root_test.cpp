@@ -1,5 +1,6 @@
 #include "tests/osx/system_calls.h"
 
+#include <dlfcn.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -34,6 +35,16 @@ std::vector<std::size_t> lengths_of(const msghdr& message) {
 }  // namespace
 
 extern "C" {
+
+// The C library's own changes the user of every thread.
+int seteuid(uid_t uid) noexcept {
+  static const auto real = reinterpret_cast<int (*)(uid_t)>(::dlsym(RTLD_NEXT, "seteuid"));
+  const int result = real(uid);
+  if (test::watched != nullptr && test::watched->seteuid_errno != 0) {
+    errno = test::watched->seteuid_errno;
+  }
+  return result;
+}
 
 int pipe(int ends[2]) noexcept {
   if (test::watched != nullptr && fails_with(test::watched->pipe_error)) return -1;
