@@ -98,6 +98,8 @@ void log_dumper::wait() {
   {
     const rec_lock lock(mutex_);
     was_idle = queue_is_idle_locked();
+    // Nothing to wait for, and nobody: all lines so far went straight to standard error.
+    if (was_idle && progress_ == progress::idle) return;
     waiters_.push_back(&flushed);
   }
   if (was_idle) wake_up();

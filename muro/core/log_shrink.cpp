@@ -95,6 +95,7 @@ bool copy_lines(line_reader& from, xfile& to, unsigned long long& remaining) {
 }  // namespace
 
 void rotate_log(xfile& file, unsigned long long size, int count) {
+  if (!file) return;
   const long position = std::ftell(file);
   try {
     file.close();
@@ -107,7 +108,7 @@ void rotate_log(xfile& file, unsigned long long size, int count) {
 }
 
 bool cut_log(xfile& file, unsigned long long size) try {
-  const long position = std::ftell(file);
+  const long position = file ? std::ftell(file) : -1;
   if (position < 0 || size >= static_cast<unsigned long long>(position)) return false;
   if (file.path().empty()) return false;
   xfile reader(file.path(), xfile::read_only, false);

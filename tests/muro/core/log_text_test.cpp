@@ -74,6 +74,8 @@ TEST(timestamp, without_a_date_is_n) {
 class clock_test : public testing::Test {
  protected:
   clock_test() {
+    now_ms = 1709208000000;
+    broken = false;
     muro::x_absolute_time = [] {
       if (broken) throw muro::exception("no time");
       return now_ms;
@@ -81,8 +83,8 @@ class clock_test : public testing::Test {
   }
   ~clock_test() override { muro::x_absolute_time = nullptr; }
 
-  static inline long long now_ms = 1709208000000;
-  static inline bool broken = false;
+  static inline long long now_ms;
+  static inline bool broken;
   log_text::clock clock;
 };
 

@@ -12,9 +12,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "muro/core/errlog.h"
+#include "tests/support/temp_dir.h"
 
 namespace test {
 
@@ -31,9 +33,19 @@ inline void check(bool ok, const std::string& what) {
   std::_Exit(wrong_checks == 0 ? 0 : 1);
 }
 
+/// The temporary folders of those processes, which end without destructors, lie in one of the
+/// test's own.
 class own_process_test : public testing::Test {
  protected:
-  own_process_test() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  own_process_test() {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ::setenv("TMPDIR", scratch_.path().c_str(), 1);
+  }
+  ~own_process_test() override { ::setenv("TMPDIR", before_.c_str(), 1); }
+
+ private:
+  const std::string before_ = std::filesystem::temp_directory_path();
+  const temp_dir scratch_;
 };
 
 }  // namespace test
