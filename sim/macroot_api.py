@@ -428,3 +428,9 @@ class MacRoot:
 
     def uncover(self, path):
         self.ask("uncover", path=path)
+
+    def script_socket(self, user, *answers):
+        """The next answers on the user's launchd socket, before 10.10: dictionaries with "steps",
+        a list of ["genuine", FROM, TO] (bytes of the right answer), ["send", HEX], ["pause", S],
+        ["endless"], ["close"], and "perform", false to leave the request undone."""
+        self.ask("script_socket", user=user, answers=list(answers))

@@ -55,7 +55,7 @@ def main():
 
     loop = Loop(exited)
     launchd = Launchd(loop, timeline, release, overrides, settings)
-    mac = Mac(loop, timeline, launchd, settings)
+    mac = Mac(loop, timeline, launchd, release, settings)
     launchctl = Launchctl(mac, launchd, release, overrides, settings)
     control = Control(mac, launchd, launchctl, loop, settings.single_id)
     server = Server(loop, timeline, launchctl, control)

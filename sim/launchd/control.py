@@ -145,3 +145,11 @@ class Control:
         """The next calls of a launchctl verb end as ordered instead of doing their work."""
         self._launchctl.scripted.setdefault(request["verb"], []).extend(request["answers"])
         return {}
+
+    def op_script_socket(self, request, descriptors):
+        """The next answers of a user's launchd, before 10.10; see peruser.Talk for the steps."""
+        per_user = self._mac.per_user.get(request["user"])
+        if per_user is None:
+            raise MacError(f"{request['user']} has no launchd of an own")
+        per_user.orders.extend(request["answers"])
+        return {}

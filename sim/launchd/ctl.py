@@ -73,6 +73,9 @@ class Launchctl:
             if not isinstance(answer, Answer):
                 answer = yield from answer
             return answer
+        except Refusal as refusal:
+            return Answer(err=f"launchctl: {refusal.reason}\n", status=1,
+                          notes=[{"code": refusal.code, "reason": refusal.reason}])
         except Usage as usage:
             return Answer(err=f"usage: launchctl {verb} {usage}\n",
                           status=self._release.usage_status)
@@ -86,13 +89,27 @@ class Launchctl:
 
     def _domain_of(self, caller):
         """Where the caller's load goes: root's to the system, a user's to the session it runs in,
-        and outside of any session to the user's own domain."""
+        and outside of any session to the user's own domain. Before 10.10 that domain is the user's
+        own launchd, and who runs outside of both is refused by the system's. Throws Refusal."""
         if caller.uid == 0:
             return self._launchd.domains["system"]
         session = self._mac.session_with(caller.context)
         if session is not None and session.uid == caller.uid:
             return self._launchd.domains[f"gui/{caller.uid}"]
+        per_user = self._mac.per_user_with(caller.context)
+        if self._release.legacy and (per_user is None or per_user.uid != caller.uid):
+            raise Refusal(1, "launchd refuses: operation not permitted")
         return self._mac.user_domain(caller.uid)
+
+    def _domain_for(self, caller, session):
+        """The same for a call that names a session type: root reaches the login window, and a
+        user's own launchd of before 10.10 hands on to the user's graphical session."""
+        domain = self._domain_of(caller)
+        if session == "LoginWindow" and caller.uid == 0:
+            return self._launchd.domains.get("loginwindow", domain)
+        if session == "Aqua" and self._release.legacy and caller.uid:
+            return self._launchd.domains[f"gui/{caller.uid}"]
+        return domain
 
     def _target(self, text, caller):
         """The domain that a target such as "gui/501" names, and the label behind it or "".
@@ -146,9 +163,7 @@ class Launchctl:
 
     def _load(self, words, caller):
         flags, session, paths = self._options(words, "[-wF] [-S SESSIONTYPE] [-D DOMAIN] PATH...")
-        answer, domain = Answer(), self._domain_of(caller)
-        if session == "LoginWindow" and caller.uid == 0:
-            domain = self._launchd.domains.get("loginwindow", domain)
+        answer, domain = Answer(), self._domain_for(caller, session)
         for path in paths:
             for file in self._files(caller.path(path)):
                 self._attempt(answer, file, lambda file=file: self._load_file(
@@ -167,9 +182,7 @@ class Launchctl:
 
     def _unload(self, words, caller):
         flags, session, paths = self._options(words, "[-w] [-S SESSIONTYPE] [-D DOMAIN] PATH...")
-        answer, domain = Answer(), self._domain_of(caller)
-        if session == "LoginWindow" and caller.uid == 0:
-            domain = self._launchd.domains.get("loginwindow", domain)
+        answer, domain = Answer(), self._domain_for(caller, session)
         for path in paths:
             for file in self._files(caller.path(path)):
                 self._attempt(answer, file, lambda file=file: self._unload_file(
@@ -193,8 +206,9 @@ class Launchctl:
     def _remove(self, words, caller):
         if len(words) != 1:
             raise Usage("LABEL")
+        domain = self._domain_of(caller)
         try:
-            self._launchd.unload(self._launchd.find(words[0], self._domain_of(caller)))
+            self._launchd.unload(self._launchd.find(words[0], domain))
         except Refusal:
             status = releases.NOT_FOUND if self._release.legacy else releases.NO_SERVICE
             return Answer(err="launchctl remove error: no such process\n", status=status)
@@ -255,8 +269,9 @@ class Launchctl:
     def _with_job(self, words, caller, action):
         if len(words) != 1:
             raise Usage("LABEL")
+        domain = self._domain_of(caller)
         try:
-            action(self._launchd.find(words[0], self._domain_of(caller)))
+            action(self._launchd.find(words[0], domain))
         except Refusal:
             return Answer(status=releases.NOT_FOUND)
         return Answer()

@@ -24,7 +24,9 @@ class Domain:
     name: str
     session_type: str           # System, Aqua, Background or LoginWindow
     uid: int = 0                # whose jobs they are
-    session: object = None      # the log-in session with its context, or None
+    session: object = None      # the log-in session that its processes have the display of
+    context: int = -1           # descriptor of the bootstrap context of its processes, -1 for none
+    variables: dict = field(default_factory=dict)   # what else they find in their environment
     jobs: dict = field(default_factory=dict)
 
     @property
@@ -106,11 +108,12 @@ class Launchd:
 
     # Loading and unloading
 
-    def load(self, spec, domain, force=False):
-        """Takes the job into the domain and starts it if it asks for that. Throws Refusal."""
+    def load(self, spec, domain, force=False, anywhere=False):
+        """Takes the job into the domain and starts it if it asks for that; `anywhere` for a job
+        that came without a limit to sessions. Throws Refusal."""
         if spec.label in domain.jobs:
             raise Refusal(releases.ALREADY, "already loaded")
-        if not spec.belongs_to(domain.session_type):
+        if not anywhere and not spec.belongs_to(domain.session_type):
             raise Refusal(releases.WRONG_SESSION, f"not for {domain.session_type} sessions")
         if not force and self._overrides.is_disabled(domain.owner, spec):
             raise Refusal(releases.DISABLED, "disabled")
@@ -168,13 +171,13 @@ class Launchd:
         job.started = event["t"]
 
     def _launch(self, job, user, gid):
-        spec, session = job.spec, job.domain.session
+        spec = job.spec
         log = self._settings.system_log
         return Launch(
             program=self._find_program(spec.program), arguments=spec.arguments,
             environment=self._environment(job, user), work_folder=spec.work_folder,
             umask=spec.umask, **credentials(user, gid, self._settings.single_id),
-            context=session.context if session else -1,
+            context=job.domain.context,
             files=(spec.stdin, spec.stdout or log, spec.stderr or log))
 
     def _find_program(self, program):
@@ -192,7 +195,7 @@ class Launchd:
             values.update(XPC_SERVICE_NAME=job.spec.label, XPC_FLAGS="0x0")
         if job.domain.session_type != "System":
             values.update(user_environment(user))
-        values.update(session_environment(job.domain.session))
+        values.update(session_environment(job.domain.session), **job.domain.variables)
         return {**values, **job.spec.environment}
 
     def terminate(self, job):

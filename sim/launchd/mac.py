@@ -11,11 +11,13 @@ from dataclasses import dataclass
 
 from . import jobfile, loginrecords
 from .jobfile import Refusal
-from .jobs import Domain, session_environment, user_environment, PATH
+from .jobs import PATH, Domain, credentials, user_environment
 from .loop import Until
+from .peruser import PerUserLaunchd
 from .spawn import Launch, spawn
 
 LOGIN_WINDOW = "/System/Library/CoreServices/loginwindow.app/Contents/MacOS/loginwindow"
+PER_USER_PROGRAM = "/sbin/launchd"
 DAEMON_FOLDERS = ("/System/Library/LaunchDaemons", "/Library/LaunchDaemons")
 AGENT_FOLDERS = ("/System/Library/LaunchAgents", "/Library/LaunchAgents")
 CONSOLE = "/dev/console"
@@ -49,17 +51,18 @@ def processes():
 class Mac:
     """Sessions and what boot, login, logout and restart do to them and to the jobs."""
 
-    def __init__(self, loop, timeline, launchd, settings):
+    def __init__(self, loop, timeline, launchd, release, settings):
         self._loop = loop
         self._timeline = timeline
         self._launchd = launchd
+        self._release = release
         self._settings = settings
+        self.per_user = {}          # user name to the user's launchd, before 10.10
         self.sessions = {}          # user name to session
         self.login_window = None    # the login window's session while it is shown
         self.console = None         # the user whose session has the screen
         self.up = False
         self._number = 100000
-        self.on_down = []           # called when everything was killed
 
     # Boot and restart
 
@@ -90,8 +93,6 @@ class Mac:
         self._launchd.forget_everything()
         self._kill_everything()
         yield Until(lambda: processes() == [1], limit_s=10, poll_s=0.002)
-        for action in self.on_down:
-            action()
         self._forget_sessions()
         self._empty("/private/tmp")
         self._empty("/private/var/run", keep=("utmp", "macroot.sock"))
@@ -112,10 +113,13 @@ class Mac:
             pass
 
     def _forget_sessions(self):
-        for session in list(self.sessions.values()) + [self.login_window]:
+        for per_user in self.per_user.values():
+            per_user.close()
+        processes_of = [per_user.process for per_user in self.per_user.values()]
+        for session in [*self.sessions.values(), *processes_of, self.login_window]:
             if session is not None:
                 os.close(session.context)
-        self.sessions, self.login_window, self.console = {}, None, None
+        self.sessions, self.per_user, self.login_window, self.console = {}, {}, None, None
 
     def _empty(self, folder, keep=()):
         """Removes what the folder holds but for mount points and the folders above them."""
@@ -139,7 +143,7 @@ class Mac:
         self.console = None
         self._own_console(0)
         domain = self._launchd.add_domain(
-            Domain("loginwindow", "LoginWindow", 0, self.login_window))
+            Domain("loginwindow", "LoginWindow", 0, self.login_window, self.login_window.context))
         self._timeline.add("login-window", pid=self.login_window.pid)
         self._load_folders(AGENT_FOLDERS, domain)
 
@@ -174,9 +178,21 @@ class Mac:
         folders = AGENT_FOLDERS + (f"{user.pw_dir}/Library/LaunchAgents",)
         background = self.user_domain(user.pw_uid)
         gui = self._launchd.add_domain(
-            Domain(f"gui/{user.pw_uid}", "Aqua", user.pw_uid, session))
+            Domain(f"gui/{user.pw_uid}", "Aqua", user.pw_uid, session, session.context))
+        if self._release.legacy:
+            self._start_per_user(user, background, gui)
         self._load_folders(folders, background)
         self._load_folders(folders, gui)
+
+    def _start_per_user(self, user, background, gui):
+        """The user's own launchd, with a process, a context and a socket."""
+        process = self._open_context(user, [PER_USER_PROGRAM], **credentials(
+            user, user.pw_gid, self._settings.single_id))
+        background.context = process.context
+        per_user = self.per_user[user.pw_name] = PerUserLaunchd(
+            self._loop, self._timeline, self._launchd, user, background, process,
+            self._settings.single_id)
+        background.variables = gui.variables = {"LAUNCHD_SOCKET": per_user.path}
 
     def user_domain(self, uid):
         """The domain of a user outside every log-in session; made when it is first needed."""
@@ -190,6 +206,10 @@ class Mac:
             raise MacError(f"{name} is not logged in")
         session = self.sessions.pop(name)
         yield from self._close_session(session, [f"gui/{session.uid}", f"user/{session.uid}"])
+        if name in self.per_user:
+            per_user = self.per_user.pop(name)
+            yield from self._close_session(per_user.process, [])
+            per_user.close()
         loginrecords.log_out(session.pid)
         self._timeline.add("logout", user=name, uid=session.uid)
         if self.console == name:
@@ -217,6 +237,11 @@ class Mac:
             raise MacError(f"no such session: {user}")
         return session
 
+    def per_user_with(self, inode):
+        """The user's launchd whose jobs are in this context, or None."""
+        return next((one.process for one in self.per_user.values()
+                     if one.process.inode == inode), None)
+
     def session_with(self, inode):
         """The user's session whose processes are in this context, or None."""
         return next((one for one in self.sessions.values() if one.inode == inode), None)
@@ -240,13 +265,15 @@ class Mac:
 
     def _open_session(self, name):
         """Starts the process that stands for the session, in a context of its own."""
-        user = pwd.getpwnam(name)
         self._number += 1
+        return self._open_context(pwd.getpwnam(name), [LOGIN_WINDOW, "console"])
+
+    def _open_context(self, user, words, **rights):
         environment = {"PATH": PATH, **user_environment(user)}
-        pid = spawn(Launch(LOGIN_WINDOW, [LOGIN_WINDOW, "console"], environment,
-                           own_context=True))
+        pid = spawn(Launch(LOGIN_WINDOW, words, environment, own_context=True, **rights))
         context = os.open(f"/proc/{pid}/ns/uts", os.O_RDONLY | os.O_CLOEXEC)
-        return Session(self._number, name, user.pw_uid, pid, context, os.fstat(context).st_ino)
+        return Session(self._number, user.pw_name, user.pw_uid, pid, context,
+                       os.fstat(context).st_ino)
 
     def _close_session(self, session, domains):
         """Ends the session's jobs, then whatever else runs in it."""
@@ -294,7 +321,3 @@ class Mac:
         except Refusal as refusal:
             self._timeline.add("job-refused", path=path, domain=domain.name, code=refusal.code,
                                reason=refusal.reason)
-
-    def session_variables(self, session):
-        """What a process started by hand in the session finds in its environment."""
-        return session_environment(session)
