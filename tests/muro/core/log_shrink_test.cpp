@@ -174,7 +174,8 @@ TEST_F(log_shrink_test, odd_size_is_halved_downwards) {
 
 TEST_F(log_shrink_test, lines_longer_than_one_read_stay_whole) {
   const std::string long_line = std::string(150000, 'x') + "\n";
-  EXPECT_EQ(cut(long_line + long_line + "end\n", 300020), "xxxx\n" + long_line);
+  const std::string kept = cut(long_line + long_line + long_line + "end\n", 400000);
+  EXPECT_TRUE(kept == std::string(49994, 'x') + "\n" + long_line) << kept.size();
 }
 
 TEST_F(log_shrink_test, what_was_added_after_the_position_is_taken_too) {
