@@ -11,12 +11,11 @@
 #include <stdexcept>
 
 #include "front/startup.h"
-#include "ipc/endpoint.h"
 #include "ipc/packet.h"
-#include "ipc/pipe_server.h"
 #include "muro/core/errlog.h"
 #include "muro/sys/time.h"
 #include "platform/linux/property_list_xml.h"
+#include "tests/support/frame_client.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -58,7 +57,7 @@ class runtime : public testing::Environment {
  public:
   void SetUp() override {
     start_runtime();
-    muro::errlog::set_log_file("/private/var/log/front_tests.out");
+    log_to_default_file();
     muro::errlog::set_log_to_stderr(false);
     muro::errlog::set_log_line_hook(record_line);
     muro::x_pause_us = record_pause;
@@ -131,6 +130,10 @@ lines log_of(const std::string& scope) {
     if (line.compare(0, scope.size() + 2, scope + ": ") == 0)
       found.push_back(line.substr(scope.size() + 2));
   return found;
+}
+
+void log_to_default_file() {
+  muro::errlog::set_log_file("/private/var/log/front_tests.out");
 }
 
 std::vector<unsigned long long> pauses() {
@@ -271,16 +274,7 @@ std::string packet(const std::string& command, const std::string& argument) {
 }
 
 std::string request(const std::string& endpoint, const std::string& body) {
-  std::string path;
-  std::string reply = "no reply";
-  int descriptor = -1;
-  if (ipc_priv::init_ipc_socket(path, endpoint, false, descriptor, false, false) &&
-      pipe_server::write_(descriptor, body)) {
-    std::string read;
-    if (pipe_server::read_(descriptor, read)) reply = read;
-  }
-  ::close(descriptor);
-  return reply;
+  return frame_client("/tmp/" + endpoint + ".ipc").ask(body).value_or("no reply");
 }
 
 }  // namespace test

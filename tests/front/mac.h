@@ -31,6 +31,9 @@ lines log_lines();
 /// The messages of one log scope.
 lines log_of(const std::string& scope);
 
+/// Points the log back at the file where the tests leave it.
+void log_to_default_file();
+
 /// Every pause since the test began, in microseconds.
 std::vector<unsigned long long> pauses();
 /// Called at every pause once it has been recorded; what it throws goes through the pause.

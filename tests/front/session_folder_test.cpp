@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "tests/front/mac.h"
+#include "tests/support/root_users.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
@@ -208,6 +209,7 @@ TEST_F(session_folder, helper_moves_nowhere_for_an_id_that_names_no_session) {
 }
 
 TEST_F(session_folder, bundle_is_copied_and_every_item_opened_to_all) {
+  KORVEL_NEEDS_USERS();
   test::install_client();
   const std::string copy = "/Library/VeskRuntime/sessions/abc/app/Korvel.app";
   EXPECT_EQ(moveAppBundle(test::kClientBundle, "abc"), copy);
@@ -273,6 +275,7 @@ TEST_F(session_folder, bundle_is_copied_nowhere_for_an_id_that_names_no_session)
 }
 
 TEST_F(session_folder, one_item_without_attributes_does_not_stop_the_others) {
+  KORVEL_NEEDS_USERS();
   test::install_client();
   fs::create_symlink("nowhere", std::string(test::kClientBundle) + "/Contents/MacOS/link");
   const nil_string copy = moveAppBundle(test::kClientBundle, "abc");

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "platform/platform.h"
+#include "tests/support/root_users.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -16,7 +17,10 @@ struct stat status_of(const std::string& path) {
 
 class set_attributes : public testing::Test {
  protected:
-  void SetUp() override { test::write_file(item_, "x"); }
+  void SetUp() override {
+    KORVEL_NEEDS_USERS();
+    test::write_file(item_, "x");
+  }
 
   test::temp_dir folder_;
   std::string item_ = folder_ / "item";

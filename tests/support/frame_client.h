@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -90,7 +91,11 @@ class frame_client {
  private:
   bool ready(short event) {
     pollfd entry{socket_.get(), event, 0};
-    return ::poll(&entry, 1, 20000) > 0;
+    int count = 0;
+    do {
+      count = ::poll(&entry, 1, 20000);
+    } while (count < 0 && errno == EINTR);  // the server's children may end meanwhile
+    return count > 0;
   }
 
   muro::unique_fd socket_;
