@@ -1,0 +1,51 @@
+"""The demonstration: it succeeds, tells what it saw, and can fail."""
+
+import json
+import subprocess
+import unittest
+
+from system_case import BUILD, PYTHON, SOURCE
+
+
+def demo(*words):
+    return subprocess.run([PYTHON, SOURCE / "sim/macroot", "demo", "--build-dir", BUILD, *words],
+                          capture_output=True, text=True, timeout=110, check=False)
+
+
+class Demo(unittest.TestCase):
+    def test_both_roads_on_one_release(self):
+        done = demo("--release", "14.5", "--json")
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        steps = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual({s["road"] for s in steps}, {"socket", "session"})
+        self.assertEqual({s["release"] for s in steps}, {"14.5"})
+        self.assertTrue(all(s["ok"] and s["expected"] and s["seen"] for s in steps))
+        for name in ("boot", "install", "daemon", "log-in", "register", "restart", "resume",
+                     "resign", "removal"):
+            self.assertIn(name, {s["step"] for s in steps})
+
+    def test_a_step_is_one_line_with_its_time(self):
+        done = demo("--release", "10.10", "--road", "session")
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        lines = [line for line in done.stdout.splitlines() if " ok " in line]
+        self.assertGreater(len(lines), 10)
+        for line in lines:
+            self.assertRegex(line, r"^ +\d+\.\d\d s  ok    [a-z -]+: expected .+; saw .+$")
+
+    def test_without_the_client_it_ends_with_1_and_tells_why(self):
+        done = demo("--release", "12", "--road", "socket", "--no-client")
+        self.assertEqual(done.returncode, 1, done.stdout + done.stderr)
+        self.assertIn("FAIL", done.stdout)
+        self.assertIn("commandReceived: Korvel executable not found", done.stdout)
+        self.assertIn("a step failed", done.stdout)
+
+    def test_a_failed_step_of_the_other_road_is_told_as_json(self):
+        done = demo("--release", "12", "--road", "session", "--no-client", "--json")
+        self.assertEqual(done.returncode, 1, done.stdout + done.stderr)
+        last = json.loads(done.stdout.splitlines()[-1])
+        self.assertEqual((last["ok"], last["step"]), (False, "install"))
+        log = "\n".join(line for lines in last["log"].values() for line in lines)
+        self.assertIn("moveAppBundle: Failed to move bundle: ", log)
+
+    def test_wrong_use_ends_with_2(self):
+        self.assertEqual(demo("--dance").returncode, 2)
