@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <initializer_list>
+#include <utility>
 
 #include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
@@ -32,8 +33,11 @@ namespace {
 
 using detail::os_path;
 
+// How every failure here leaves. The guard goes out of scope while the exception is on its way
+// already, so nothing that making and throwing it does can hide the failed call's errno.
+
 [[noreturn]] void fail(const char* function) {
-  const errno_guard keep;  // ends while the exception is already on its way
+  const errno_guard keep;
   throw exception::function(function);
 }
 
@@ -88,7 +92,8 @@ std::string expand_filename(const std::string& path) {
     return resolved;
   }
   // Climbs to the deepest ancestor that exists. A loop, because a path of nothing but separators
-  // and single letters would be a recursion of half its length.
+  // and single letters would be a recursion of half its length. `missing` holds the names that were
+  // left behind on the way, the last of the path first.
   std::vector<std::string> missing;
   std::string existing = path;
   do {
@@ -106,6 +111,7 @@ std::string dirname(std::string path) {
   const bool had_slash = cut_at_last(path, '/');
   const bool had_backslash = cut_at_last(path, '\\');
   if (!had_slash && !had_backslash) return ".";
+  // What is left of an absolute path without any separator is the root, or a drive.
   if (absolute && path.find_first_of("/\\") == std::string::npos) {
     return path.empty() ? "/" : path + '\\';
   }
@@ -120,7 +126,7 @@ std::string basename(std::string path) {
 
 void move_file(std::string from, std::string to) {
   if (file_exists(to)) {
-    errno = EEXIST;
+    errno = EEXIST;  // stat succeeded and set none, but the log should tell the reason
     fail("move_file");
   }
   if (::rename(os_path(from), os_path(to)) != 0) fail("move_file");
@@ -150,6 +156,7 @@ void delete_file(std::string path) {
 
 namespace {
 
+/// Looks at the entry itself: a link to a folder is no folder, or a tree could lead out of itself.
 bool is_folder_itself(const std::string& path) {
   struct stat status;
   if (::lstat(os_path(path), &status) != 0) fail("delete_recursive");
@@ -195,8 +202,10 @@ std::vector<std::string> entry_names(const std::string& folder) {
 int delete_entries(const std::string& folder) {
   int failed = 0;
   for (const std::string& name : entry_names(folder)) {
+    std::string entry = folder;
+    entry.append("/").append(name);
     try {
-      delete_recursive(folder + "/" + name);
+      delete_recursive(std::move(entry));
     } catch (...) {
       failed = errno != 0 ? errno : EIO;
     }
@@ -211,6 +220,8 @@ void delete_recursive(std::string path) {
     delete_file(path);
     return;
   }
+  // Tried even after a failure: it is rmdir that tells why a folder with something left in it
+  // stays.
   const int failed = delete_entries(path);
   remove_directory(path);
   if (failed != 0) {
@@ -226,6 +237,7 @@ void find_files(std::vector<std::string>& out, const std::string& pattern) {
 }
 
 find_files_os::find_files_os(const std::string& pattern) {
+  // After a failure there may be a partial result; it is freed, not shown.
   if (::glob(os_path(pattern), 0, nullptr, &result_) == 0) cursor_ = 0;
 }
 
@@ -279,6 +291,7 @@ std::string get_exe_path() {
 }
 
 void init_util_fs() {
+  // Nothing reads the set; a host that walks the start-up steps expects it to be made here.
   if (detail::g_util_fs_set == nullptr) detail::g_util_fs_set = new std::set<std::string>;
 }
 

@@ -7,6 +7,7 @@ bool replace_all(std::string& s, const std::string& from, const std::string& to)
   if (from.empty()) return false;
   std::size_t hit = s.find(from);
   if (hit == std::string::npos) return false;
+  // Built apart, so that `from` and `to` may be `s` itself.
   std::string result;
   std::size_t done = 0;
   for (; hit != std::string::npos; hit = s.find(from, done)) {

@@ -133,7 +133,7 @@ semaphore::semaphore(unsigned /*first*/, unsigned initial) : count_(initial) {
     throw exception::function("semaphore");
   }
   if (detail::g_thread_calls.cond_init.load()(&condition_, nullptr) != 0) {
-    ::pthread_mutex_destroy(&mutex_);
+    ::pthread_mutex_destroy(&mutex_);  // the destructor of a half-made object does not run
     throw exception::function("semaphore");
   }
 }
@@ -164,9 +164,11 @@ void semaphore::post() {
 }
 
 bool semaphore::wait_ms(long long ms) {
+  // From before the lock: the time spent waiting for it counts too.
   const long long start = relative_time();
   const slock lock(mutex_);
   while (count_ <= 0) {
+    // Compared before anything is added, so that no span is too long to be reckoned with.
     const long long elapsed = relative_time() - start;
     if (elapsed >= ms) return false;
     timespec deadline;
@@ -200,6 +202,7 @@ thread::~thread() {
 }
 
 void thread::synchronize() {
+  // Takes the count and gives it back, so that the next who asks, and the destructor, find it too.
   done_.wait();
   done_.post();
 }
@@ -285,6 +288,7 @@ void* thread::start(void* object) {
   return nullptr;
 }
 
+/// The end of a thread; its object may be gone.
 void thread::finish() {
   {
     const rec_lock lock(threads_mutex());

@@ -53,6 +53,8 @@ long long tick_clock::advance(clock_t now) {
 
 namespace {
 
+/// Never destroyed: threads ask for the time until the process has ended. The mutex is recursive,
+/// as the absolute clock asks the relative one while it holds it.
 struct timer_state {
   rec_mutex mutex;  // guards all below
   detail::tick_clock ticks{::sysconf(_SC_CLK_TCK), detail::g_tick_source.load()()};
@@ -118,6 +120,7 @@ void clock_monotonic(timespec& /*ts*/) {
 
 void add_ms(timespec& ts, long long ms) {
   constexpr long kSecond = 1000000000;
+  // Both divisions round towards zero, so a negative rest is taken off as it is.
   ts.tv_sec += static_cast<time_t>(ms / 1000);
   ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
   if (ts.tv_nsec < kSecond) return;

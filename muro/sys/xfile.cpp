@@ -19,11 +19,14 @@ constinit std::uint32_t g_crc_table[256] = {};
 
 FILE* open_stream(const std::string& path, const std::string& mode) {
   FILE* const stream = ::fopen(detail::os_path(path), mode.c_str());
+  // Not by a mode letter: the oldest supported systems know none for it.
   if (stream != nullptr) ::fcntl(::fileno(stream), F_SETFD, FD_CLOEXEC);
   return stream;
 }
 
-/// Makes `path` as an empty file unless something is there. A failure shows when it is opened.
+/// Makes `path` as an empty file unless something is there (O_EXCL: a link that leads nowhere
+/// counts as something, so nobody's link decides where the file appears). A failure shows when it
+/// is opened; that another process was faster is none.
 void create_missing(const std::string& path) {
   const int descriptor =
       ::open(detail::os_path(path), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -50,6 +53,7 @@ void xfile::open(mode m) {
 }
 
 xfile::~xfile() {
+  // Often runs while a failed write unwinds, whose errno the log wants to see.
   const errno_guard keep;
   if (stream_ != nullptr) std::fclose(stream_);
 }
@@ -57,6 +61,7 @@ xfile::~xfile() {
 bool xfile::read(std::string& out) {
   constexpr std::size_t kBlock = 65536;
   if (stream_ == nullptr) return false;
+  // Read in place: no second buffer, and none of 64 KiB on a thread's small stack.
   const std::size_t before = out.size();
   out.resize(before + kBlock);
   const std::size_t count = std::fread(out.data() + before, 1, kBlock, stream_);
@@ -77,6 +82,7 @@ void xfile::flush() {
 }
 
 void xfile::close() {
+  // fclose gives the stream up even when it fails.
   FILE* const stream = std::exchange(stream_, nullptr);
   if (stream != nullptr && std::fclose(stream) != 0) fail("fclose");
 }
@@ -125,6 +131,7 @@ std::string xfile::get_mode(int m, int& open_flags) {
 void xfile::fail(const char* function) const {
   if (!throw_on_error_) return;
   const errno_guard keep;
+  // Without the colon in front that the exception's own factories write.
   exception failure("");
   failure.stream() << stringify(keep.value(), " (", safe_strerror(keep.value()),
                                 ") function=", function, " file=", path_);
