@@ -14,64 +14,19 @@
 
 #include "muro/core/exception.h"
 #include "muro/sys/files_internal.h"
+#include "tests/muro/sys/files_support.h"
 #include "tests/muro/sys/replaced.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using test::error_from;
+using test::error_in;
+using test::files;
+using test::files_of_a_user;
 using test::replaced;
+using test::thrown;
 using names = std::vector<std::string>;
-
-/// The text of what `action` throws and errno in the handler; {"", 0} when it throws nothing.
-struct failure {
-  std::string text;
-  int error;
-  bool operator==(const failure&) const = default;
-};
-
-template <class Action>
-failure thrown(Action action) {
-  errno = 0;
-  try {
-    action();
-  } catch (const muro::exception& e) {
-    const int error = errno;
-    return {e.description(), error};
-  }
-  return {"", 0};
-}
-
-failure error_in(const std::string& function, int error) {
-  return {":Error in '" + function + "'", error};
-}
-
-failure error_from(const std::string& call, const std::string& function, const std::string& path,
-                   int error) {
-  return {":Error from '" + call + "' (called in '" + function + "'): [" + path + "] " +
-              std::to_string(error) + ", " + muro::safe_strerror(error),
-          error};
-}
-
-const failure kNone{"", 0};
-
-class files : public ::testing::Test {
- protected:
-  void SetUp() override { root = fs::canonical(dir.path()); }
-
-  std::string at(const std::string& name) const { return root + "/" + name; }
-  void make_file(const std::string& name, const std::string& content = "x") const {
-    test::write_file(at(name), content);
-  }
-  void make_folder(const std::string& name) const { fs::create_directories(at(name)); }
-  void make_link(const std::string& target, const std::string& name) const {
-    ASSERT_EQ(::symlink(target.c_str(), at(name).c_str()), 0);
-  }
-  bool there(const std::string& name) const { return fs::exists(fs::symlink_status(at(name))); }
-
-  test::temp_dir dir;
-  std::string root;  // the folder's path without links
-};
 
 /// The working folder for a scope.
 class working_folder {
@@ -118,11 +73,6 @@ unsigned mode_of(const std::string& path) {
   struct stat status {};
   EXPECT_EQ(::stat(path.c_str(), &status), 0);
   return status.st_mode & 07777;
-}
-
-std::size_t open_descriptors() {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
 }  // namespace
@@ -377,193 +327,6 @@ TEST_F(files, delete_file_reports_call_path_and_reason) {
             error_from("unlink", "delete_file", root, EISDIR));
 }
 
-TEST_F(files, delete_recursive_removes_a_file) {
-  make_file("file");
-  muro::delete_recursive(at("file"));
-  EXPECT_FALSE(there("file"));
-}
-
-TEST_F(files, delete_recursive_removes_a_tree_with_hidden_entries) {
-  make_folder("tree/a/b");
-  make_folder("tree/empty");
-  make_file("tree/.hidden");
-  make_file("tree/..odd");
-  make_file("tree/a/b/file");
-  muro::delete_recursive(at("tree"));
-  EXPECT_FALSE(there("tree"));
-  EXPECT_TRUE(fs::exists(root));
-}
-
-TEST_F(files, delete_recursive_of_a_link_to_a_folder_removes_only_the_link) {
-  make_folder("real");
-  make_file("real/file");
-  make_link(at("real"), "link");
-  muro::delete_recursive(at("link"));
-  EXPECT_FALSE(there("link"));
-  EXPECT_TRUE(there("real/file"));
-}
-
-TEST_F(files, delete_recursive_follows_no_link_inside_a_tree) {
-  make_folder("real");
-  make_file("real/file");
-  make_folder("tree");
-  make_link(at("real"), "tree/link");
-  make_link("..", "tree/up");
-  make_link(at("nowhere"), "tree/dangling");
-  muro::delete_recursive(at("tree"));
-  EXPECT_FALSE(there("tree"));
-  EXPECT_TRUE(there("real/file"));
-}
-
-TEST_F(files, delete_recursive_of_nothing_fails_by_its_own_name) {
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("x")); }), error_in("delete_recursive", ENOENT));
-  EXPECT_EQ(thrown([] { muro::delete_recursive(""); }), error_in("delete_recursive", ENOENT));
-}
-
-TEST_F(files, delete_recursive_needs_one_descriptor_whatever_the_depth) {
-  std::string path = at("tree");
-  fs::create_directory(path);
-  while (path.size() < 3900) fs::create_directory(path += "/d");
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit before = limit;
-  limit.rlim_cur = std::min<rlim_t>(before.rlim_cur, open_descriptors() + 8);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const failure outcome = thrown([&] { muro::delete_recursive(at("tree")); });
-  ::setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_EQ(outcome, kNone);
-  EXPECT_FALSE(there("tree"));
-}
-
-TEST_F(files, delete_recursive_leaks_no_descriptor) {
-  make_folder("tree/a/b");
-  const std::size_t before = open_descriptors();
-  muro::delete_recursive(at("tree"));
-  EXPECT_EQ(open_descriptors(), before);
-}
-
-namespace {
-
-int g_closedir_interrupts = 0;
-int g_closedir_calls = 0;
-
-int interrupted_closedir(DIR* stream) {
-  ++g_closedir_calls;
-  if (g_closedir_interrupts-- > 0) {
-    errno = EINTR;
-    return -1;
-  }
-  return ::closedir(stream);
-}
-
-int failing_closedir(DIR* stream) {
-  ++g_closedir_calls;
-  ::closedir(stream);
-  errno = EIO;
-  return -1;
-}
-
-using closedir_for_a_scope = replaced<decltype(muro::detail::g_closedir), int (*)(DIR*)>;
-
-}  // namespace
-
-TEST_F(files, delete_recursive_closes_again_as_long_as_it_is_interrupted) {
-  make_folder("tree");
-  g_closedir_interrupts = 3;
-  g_closedir_calls = 0;
-  const closedir_for_a_scope injected(muro::detail::g_closedir, interrupted_closedir);
-  muro::delete_recursive(at("tree"));
-  EXPECT_EQ(g_closedir_calls, 4);
-}
-
-TEST_F(files, delete_recursive_does_not_repeat_another_failure_of_the_close) {
-  make_folder("tree");
-  g_closedir_calls = 0;
-  const closedir_for_a_scope injected(muro::detail::g_closedir, failing_closedir);
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }), kNone);
-  EXPECT_EQ(g_closedir_calls, 1);
-}
-
-/// As an ordinary user: root's rights would let every deletion succeed.
-class files_of_a_user : public files {
- protected:
-  void SetUp() override {
-    files::SetUp();
-    if (::geteuid() != 0) return;
-    ASSERT_EQ(::chmod(root.c_str(), 0777), 0);
-    ASSERT_EQ(::seteuid(65534), 0);
-    was_root_ = true;
-  }
-  void TearDown() override {
-    if (was_root_ && ::seteuid(0) != 0) std::abort();
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-      if (entry.is_directory()) fs::permissions(entry, fs::perms::owner_all);
-    }
-  }
-
- private:
-  bool was_root_ = false;
-};
-
-TEST_F(files_of_a_user, delete_recursive_goes_on_after_an_entry_that_fails) {
-  make_folder("tree/locked/sub");
-  make_file("tree/a");
-  make_file("tree/z");
-  fs::permissions(at("tree/locked"), fs::perms::owner_read | fs::perms::owner_exec);
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }),
-            error_from("rmdir", "remove_directory", at("tree"), ENOTEMPTY));
-  EXPECT_FALSE(there("tree/a"));
-  EXPECT_FALSE(there("tree/z"));
-  EXPECT_TRUE(there("tree/locked/sub"));
-}
-
-TEST_F(files_of_a_user, delete_recursive_removes_an_empty_folder_that_it_may_not_read) {
-  make_folder("tree/dark");
-  fs::permissions(at("tree/dark"), fs::perms::none);
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }), kNone);
-  EXPECT_FALSE(there("tree"));
-}
-
-TEST_F(files_of_a_user, delete_recursive_of_a_full_folder_that_it_may_not_read_reports_rmdir) {
-  make_folder("dark/sub");
-  fs::permissions(at("dark"), fs::perms::none);
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("dark")); }),
-            error_from("rmdir", "remove_directory", at("dark"), ENOTEMPTY));
-}
-
-TEST_F(files_of_a_user, find_files_takes_an_unreadable_folder_for_an_empty_one) {
-  make_folder("dark");
-  make_file("dark/x");
-  fs::permissions(at("dark"), fs::perms::none);
-  names found;
-  muro::find_files(found, at("dark/*"));
-  EXPECT_EQ(found, names{});
-}
-
-namespace {
-
-std::string g_removed_behind_the_back;
-
-int close_and_remove(DIR* stream) {
-  const int result = ::closedir(stream);
-  std::error_code ignored;
-  fs::remove(g_removed_behind_the_back, ignored);
-  return result;
-}
-
-}  // namespace
-
-TEST_F(files, delete_recursive_tells_that_an_entry_failed_though_the_folder_went) {
-  // Someone else takes the entry away after its name was read.
-  make_folder("tree");
-  make_file("tree/a");
-  g_removed_behind_the_back = at("tree/a");
-  const closedir_for_a_scope injected(muro::detail::g_closedir, close_and_remove);
-  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }),
-            error_in("delete_recursive", ENOENT));
-  EXPECT_FALSE(there("tree"));
-}
-
 TEST_F(files, find_files_appends_the_sorted_matches) {
   make_file("b.dat");
   make_file("a.dat");
@@ -607,6 +370,15 @@ TEST_F(files, find_files_marks_and_sorts_nothing_beyond_globs_flags_of_0) {
   names found;
   muro::find_files(found, at("fol*"));
   EXPECT_EQ(found, names{at("folder")});  // no "/" behind it
+}
+
+TEST_F(files_of_a_user, find_files_takes_an_unreadable_folder_for_an_empty_one) {
+  make_folder("dark");
+  make_file("dark/x");
+  fs::permissions(at("dark"), fs::perms::none);
+  names found;
+  muro::find_files(found, at("dark/*"));
+  EXPECT_EQ(found, names{});
 }
 
 TEST_F(files, the_iterator_walks_all_entries_and_stays_at_the_end) {

@@ -399,8 +399,8 @@ TEST(xfile_crc_table, gives_the_published_check_value) {
   // The catalogued CRC-32 with this polynomial, not reflected, start and final value all ones.
   xfile::init();
   std::uint32_t crc = 0xFFFFFFFF;
-  for (const unsigned char byte : std::string("123456789")) {
-    crc = crc << 8 ^ xfile::crc_table()[crc >> 24 ^ byte];
+  for (const char digit : std::string("123456789")) {
+    crc = crc << 8 ^ xfile::crc_table()[crc >> 24 ^ static_cast<unsigned char>(digit)];
   }
   EXPECT_EQ(~crc, 0xFC891918U);
 }

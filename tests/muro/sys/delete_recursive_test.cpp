@@ -1,0 +1,189 @@
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+
+#include "muro/sys/files.h"
+#include "muro/sys/files_internal.h"
+#include "tests/muro/sys/files_support.h"
+#include "tests/muro/sys/replaced.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using test::error_from;
+using test::error_in;
+using test::failure;
+using test::files;
+using test::files_of_a_user;
+using test::kNone;
+using test::replaced;
+using test::thrown;
+
+std::size_t open_descriptors() {
+  return static_cast<std::size_t>(
+      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+}  // namespace
+
+TEST_F(files, delete_recursive_removes_a_file) {
+  make_file("file");
+  muro::delete_recursive(at("file"));
+  EXPECT_FALSE(there("file"));
+}
+
+TEST_F(files, delete_recursive_removes_a_tree_with_hidden_entries) {
+  make_folder("tree/a/b");
+  make_folder("tree/empty");
+  make_file("tree/.hidden");
+  make_file("tree/..odd");
+  make_file("tree/a/b/file");
+  muro::delete_recursive(at("tree"));
+  EXPECT_FALSE(there("tree"));
+  EXPECT_TRUE(fs::exists(root));
+}
+
+TEST_F(files, delete_recursive_of_a_link_to_a_folder_removes_only_the_link) {
+  make_folder("real");
+  make_file("real/file");
+  make_link(at("real"), "link");
+  muro::delete_recursive(at("link"));
+  EXPECT_FALSE(there("link"));
+  EXPECT_TRUE(there("real/file"));
+}
+
+TEST_F(files, delete_recursive_follows_no_link_inside_a_tree) {
+  make_folder("real");
+  make_file("real/file");
+  make_folder("tree");
+  make_link(at("real"), "tree/link");
+  make_link("..", "tree/up");
+  make_link(at("nowhere"), "tree/dangling");
+  muro::delete_recursive(at("tree"));
+  EXPECT_FALSE(there("tree"));
+  EXPECT_TRUE(there("real/file"));
+}
+
+TEST_F(files, delete_recursive_of_nothing_fails_by_its_own_name) {
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("x")); }), error_in("delete_recursive", ENOENT));
+  EXPECT_EQ(thrown([] { muro::delete_recursive(""); }), error_in("delete_recursive", ENOENT));
+}
+
+TEST_F(files, delete_recursive_needs_one_descriptor_whatever_the_depth) {
+  std::string path = at("tree");
+  fs::create_directory(path);
+  while (path.size() < 3900) fs::create_directory(path += "/d");
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit before = limit;
+  limit.rlim_cur = std::min<rlim_t>(before.rlim_cur, open_descriptors() + 8);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const failure outcome = thrown([&] { muro::delete_recursive(at("tree")); });
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(outcome, kNone);
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files, delete_recursive_leaks_no_descriptor) {
+  make_folder("tree/a/b");
+  const std::size_t before = open_descriptors();
+  muro::delete_recursive(at("tree"));
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+namespace {
+
+int g_closedir_interrupts = 0;
+int g_closedir_calls = 0;
+
+int interrupted_closedir(DIR* stream) {
+  ++g_closedir_calls;
+  if (g_closedir_interrupts-- > 0) {
+    errno = EINTR;
+    return -1;
+  }
+  return ::closedir(stream);
+}
+
+int failing_closedir(DIR* stream) {
+  ++g_closedir_calls;
+  ::closedir(stream);
+  errno = EIO;
+  return -1;
+}
+
+using closedir_for_a_scope = replaced<decltype(muro::detail::g_closedir), int (*)(DIR*)>;
+
+}  // namespace
+
+TEST_F(files, delete_recursive_closes_again_as_long_as_it_is_interrupted) {
+  make_folder("tree");
+  g_closedir_interrupts = 3;
+  g_closedir_calls = 0;
+  const closedir_for_a_scope injected(muro::detail::g_closedir, interrupted_closedir);
+  muro::delete_recursive(at("tree"));
+  EXPECT_EQ(g_closedir_calls, 4);
+}
+
+TEST_F(files, delete_recursive_does_not_repeat_another_failure_of_the_close) {
+  make_folder("tree");
+  g_closedir_calls = 0;
+  const closedir_for_a_scope injected(muro::detail::g_closedir, failing_closedir);
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }), kNone);
+  EXPECT_EQ(g_closedir_calls, 1);
+}
+
+TEST_F(files_of_a_user, delete_recursive_goes_on_after_an_entry_that_fails) {
+  make_folder("tree/locked/sub");
+  make_file("tree/a");
+  make_file("tree/z");
+  fs::permissions(at("tree/locked"), fs::perms::owner_read | fs::perms::owner_exec);
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }),
+            error_from("rmdir", "remove_directory", at("tree"), ENOTEMPTY));
+  EXPECT_FALSE(there("tree/a"));
+  EXPECT_FALSE(there("tree/z"));
+  EXPECT_TRUE(there("tree/locked/sub"));
+}
+
+TEST_F(files_of_a_user, delete_recursive_removes_an_empty_folder_that_it_may_not_read) {
+  make_folder("tree/dark");
+  fs::permissions(at("tree/dark"), fs::perms::none);
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }), kNone);
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files_of_a_user, delete_recursive_of_a_full_folder_that_it_may_not_read_reports_rmdir) {
+  make_folder("dark/sub");
+  fs::permissions(at("dark"), fs::perms::none);
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("dark")); }),
+            error_from("rmdir", "remove_directory", at("dark"), ENOTEMPTY));
+}
+
+namespace {
+
+std::string g_removed_behind_the_back;
+
+int close_and_remove(DIR* stream) {
+  const int result = ::closedir(stream);
+  std::error_code ignored;
+  fs::remove(g_removed_behind_the_back, ignored);
+  return result;
+}
+
+}  // namespace
+
+TEST_F(files, delete_recursive_tells_that_an_entry_failed_though_the_folder_went) {
+  // Someone else takes the entry away after its name was read.
+  make_folder("tree");
+  make_file("tree/a");
+  g_removed_behind_the_back = at("tree/a");
+  const closedir_for_a_scope injected(muro::detail::g_closedir, close_and_remove);
+  EXPECT_EQ(thrown([&] { muro::delete_recursive(at("tree")); }),
+            error_in("delete_recursive", ENOENT));
+  EXPECT_FALSE(there("tree"));
+}
