@@ -124,9 +124,11 @@ void make_etc(const run_options& options) {
   file("/etc/hosts", "127.0.0.1 localhost mac\n::1 localhost\n", 0644);
   file("/etc/nsswitch.conf",
        "passwd: files\ngroup: files\nshadow: files\nhosts: files\nsudoers: files\n", 0644);
-  // A numeric user is taken even without an entry, as on a Mac.
+  // A numeric user is taken even without an entry, as on a Mac. The display belongs to a session
+  // there, not to an environment, and so outlives sudo.
   file("/etc/sudoers",
        "Defaults env_reset, runas_allow_unknown_id, !syslog, !use_pty, lecture=never\n"
+       "Defaults env_keep += \"XDG_SESSION_ID XDG_SESSION_TYPE\"\n"
        "root ALL=(ALL:ALL) NOPASSWD: ALL\n"
        "%admin ALL=(ALL:ALL) NOPASSWD: ALL\n",
        0440);

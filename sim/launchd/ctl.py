@@ -91,6 +91,8 @@ class Launchctl:
         """Where the caller's load goes: root's to the system, a user's to the session it runs in,
         and outside of any session to the user's own domain. Before 10.10 that domain is the user's
         own launchd, and who runs outside of both is refused by the system's. Throws Refusal."""
+        if not self._mac.up:
+            raise Refusal(1, "the Mac is down")
         if caller.uid == 0:
             return self._launchd.domains["system"]
         session = self._mac.session_with(caller.context)

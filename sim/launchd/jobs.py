@@ -125,6 +125,8 @@ class Launchd:
 
     def unload(self, job):
         """Ends the job's process, if any, and lets go of the job once it is gone."""
+        if job.leaving:
+            return
         job.leaving = True
         self._cancel_timer(job)
         if job.pid is None:
@@ -134,8 +136,7 @@ class Launchd:
 
     def unload_all(self, domain):
         for job in list(domain.jobs.values()):
-            if not job.leaving:
-                self.unload(job)
+            self.unload(job)
 
     def find(self, label, domain):
         job = domain.jobs.get(label)
@@ -144,7 +145,6 @@ class Launchd:
         return job
 
     def _drop(self, job):
-        self._cancel_timer(job)
         if job.domain.jobs.get(job.spec.label) is job:
             del job.domain.jobs[job.spec.label]
         self._tell(job, "job-unloaded")
@@ -199,8 +199,11 @@ class Launchd:
         return {**values, **job.spec.environment}
 
     def terminate(self, job):
-        """SIGTERM now, SIGKILL when the job's time to exit is over."""
+        """SIGTERM now, SIGKILL when the job's time to exit is over; a time of 0 never is."""
         self._signal(job, signal.SIGTERM)
+        if job.spec.exit_timeout == 0:
+            return
+        self._cancel_timer(job)
         limit_s = job.spec.exit_timeout * self._settings.exit_timeout_s / REAL_EXIT_TIMEOUT_S
         job.timer = self._loop.later(limit_s, lambda: self._kill(job))
 
@@ -220,6 +223,7 @@ class Launchd:
         if job is None:
             return False
         job.pid = None
+        self._cancel_timer(job)
         self._tell(job, "process-exited", pid=pid, status=status)
         if not job.spec.abandon_group:
             self._end_group(pid)

@@ -92,7 +92,8 @@ class Mac:
         self.up = False
         self._launchd.forget_everything()
         self._kill_everything()
-        yield Until(lambda: processes() == [1], limit_s=10, poll_s=0.002)
+        if not (yield Until(lambda: processes() == [1], limit_s=10, poll_s=0.002)):
+            raise MacError(f"processes do not end: {processes()[1:]}")
         self._forget_sessions()
         self._empty("/private/tmp")
         self._empty("/private/var/run", keep=("utmp", "macroot.sock"))

@@ -224,6 +224,34 @@ class Life(MacCase):
         called = self.mac.wait_for("launchctl")["t"]
         self.assertLess(self.mac.wait_for("process-killed")["t"] - called, 0.2)
 
+    def test_exit_timeout_of_0_never_kills(self):
+        path = self.daemon("j", "/bin/sh", "-c",
+                           "trap '' TERM; echo up; while [ ! -e /tmp/go ]; do sleep 0.01; done",
+                           RunAtLoad=True, ExitTimeOut=0)
+        self.mac.boot()
+        self.mac.wait_until(lambda: b"up" in self.mac.read("/var/log/system.log"))
+        self.launchctl("unload", path)
+        self.mac.sh("sleep 0.4; touch /tmp/go")
+        self.assertEqual(self.mac.wait_for("process-exited", label="j")["status"], 0)
+
+    def test_stopped_job_that_obeys_is_not_killed_later(self):
+        self.daemon("j", RunAtLoad=True)
+        self.mac.boot()
+        self.launchctl("stop", "j")
+        self.mac.wait_for("process-exited", label="j")
+        self.mac.sh("sleep 0.4")
+        self.assertEqual(self.mac.find("process-killed"), [])
+
+    def test_second_unload_does_not_give_more_time(self):
+        path = self.daemon("j", "/bin/sh", "-c", "trap '' TERM; echo up; while :; do sleep 0.01; done",
+                           RunAtLoad=True)
+        self.mac.boot()
+        self.mac.wait_until(lambda: b"up" in self.mac.read("/var/log/system.log"))
+        self.launchctl("unload", path)
+        self.launchctl("unload", path)
+        self.mac.wait_for("job-unloaded", label="j")
+        self.assertEqual(len(self.mac.find("process-killed")), 1)
+
     def test_throttled_job_can_be_unloaded(self):
         path = self.daemon("j", "/bin/sh", "-c", "exit 0", KeepAlive=True, ThrottleInterval=4000)
         self.mac.boot()

@@ -335,6 +335,11 @@ class Others(MacCase):
         self.mac.wait_for("process-exited", label="d", status=-15)
         self.assertIsNotNone(self.mac.job("d"))
 
+    def test_mac_that_is_down_answers_so(self):
+        done = self.launchctl("list")
+        self.assertEqual(done.status, 1)
+        self.assertIn("down", done.error_text)
+
     def test_calls_are_recorded_byte_by_byte(self):
         self.mac.boot()
         odd = os.fsdecode(b"a\xff\n'\"\\\xc3\xa4")

@@ -123,6 +123,11 @@ class LogIn(Sessions):
                             user="alice", session="alice")
         self.assertEqual(shown, "Aqua\nx11")
 
+    def test_display_outlives_sudo(self):
+        self.mac.boot("alice")
+        self.assertEqual(self.mac.sh("sudo sh -c 'id -u; echo $XDG_SESSION_TYPE'", user="alice",
+                                     session="alice"), "0\nx11")
+
     def test_command_outside_of_sessions_has_no_display(self):
         self.mac.boot("alice")
         self.assertEqual(self.mac.sh("env", user="alice").count("XDG_"), 0)
