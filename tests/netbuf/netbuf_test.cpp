@@ -4,11 +4,13 @@
 
 #include <cstring>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "muro/sys/thread.h"
 #include "tests/netbuf/support.h"
 
 using test::content;
@@ -381,6 +383,36 @@ TEST_F(netbuf_handle, two_hundred_growths_into_new_chunks_leave_at_most_129_view
     ASSERT_LE(test::view_count(a), 129u);
   }
   EXPECT_EQ(a.to_string(), expected);
+}
+
+TEST_F(netbuf_handle, copies_on_two_threads_grow_and_end_apart) {
+  class grower : public muro::thread {
+   public:
+    grower(const netbuf& from, char byte) : muro::thread(false, "", 0), bytes_(from), byte_(byte) {}
+    std::string text() const { return content(bytes_); }
+
+   private:
+    void run() override {
+      for (int i = 0; i < 500; ++i) {
+        const netbuf sharer = bytes_;
+        *bytes_.allocate_back(1) = byte_;
+        bytes_.erase_front(1);
+      }
+    }
+    netbuf bytes_;
+    char byte_;
+  };
+  if (muro::m_threads_mtx == nullptr) muro::init_thread();
+  auto original = std::make_unique<netbuf>(from_text(std::string(500, 'o')));
+  grower a(*original, 'a');
+  grower b(*original, 'b');
+  a.detach();
+  b.detach();
+  original.reset();
+  a.synchronize();
+  b.synchronize();
+  EXPECT_EQ(a.text(), std::string(500, 'a'));
+  EXPECT_EQ(b.text(), std::string(500, 'b'));
 }
 
 TEST_F(netbuf_handle, length_up_to_the_limit_is_taken) {
