@@ -1,6 +1,6 @@
 #pragma once
 
-/// Private to ipc: the frame around a packet, over any way of moving bytes.
+/// The frame around a packet, over any way of moving bytes; for both ends of a connection.
 
 #include <cstdint>
 #include <cstring>

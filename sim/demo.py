@@ -71,6 +71,8 @@ if __name__ == "__main__":
     except NoRoot as reason:
         print(reason, file=sys.stderr)
         sys.exit(SKIPPED)
+    except KeyboardInterrupt:
+        sys.exit(130)
     except (MacFailure, OSError) as failure:
         print(f"demo: {failure}", file=sys.stderr)
         sys.exit(1)

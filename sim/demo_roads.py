@@ -77,7 +77,7 @@ class Road:
             expect(state["login_window"] and not state["sessions"], str(state))
             expect(owner == 0, f"/dev/console belongs to {owner}")
             return "launchd as process 1, the login window, /dev/console of user 0"
-        self.step("boot", "launchd and the login window", act)
+        self.step("boot", "launchd as process 1, and the login window", act)
 
     def login(self):
         def act():
@@ -86,7 +86,7 @@ class Road:
             owner = self.mac.stat("/dev/console")["st_uid"]
             expect(owner == USER_ID, f"/dev/console belongs to {owner}")
             return f"session {session['session']} (process {session['pid']}), /dev/console of user {owner}"
-        self.step("log-in", f"{USER} has the console", act)
+        self.step("log-in", f"{USER} to have the console", act)
 
     def restart(self):
         def act():
@@ -99,7 +99,7 @@ class Road:
             expect(not self.mac.exists("/tmp/left-behind"), "/tmp was not emptied")
             expect(self.mac.state()["login_window"], "no login window")
             return f"{len(before)} processes ended, /tmp emptied, the login window"
-        self.step("restart", "all processes die, /tmp is emptied, boot", act)
+        self.step("restart", "all processes to die, /tmp to be emptied, a boot", act)
 
 
 class SocketRoad(Road):
@@ -136,14 +136,14 @@ class SocketRoad(Road):
             seen = self.check_file(korvel.daemon_path(),
                                    korvel.daemon_file(korvel.SERVICE, [korvel.HELPER]))
             return f"status 0, {seen}"
-        self.step("install", "korvel_helper -runInstall 1 writes the daemon's job file, mode 0644"
+        self.step("install", "korvel_helper -runInstall 1 to write the daemon's job file, mode 0644"
                              " of 0:0", act)
 
     def serve(self):
         def act():
             seen = self.check_started(korvel.SERVICE, "system", [korvel.HELPER], 0)
             return f"{seen}; {self.check_answers()}"
-        self.step("daemon", "launchd runs the helper as root, and its endpoint answers", act)
+        self.step("daemon", "launchd to run the helper as root, and its endpoint to answer", act)
 
     def register(self):
         def act():
@@ -161,15 +161,15 @@ class SocketRoad(Road):
         self.step("register", "the restore file in the session folder, the agent's job file", act)
 
     def started_at_once(self):
-        self.step("agent", "the agent runs in the session of the user who is logged in",
+        self.step("agent", "the agent to run in the session of the user who is logged in",
                   lambda: self.check_client(self.LABEL, "gui/501", self.ARGUMENTS, USER_ID))
 
     def at_login_window(self):
-        self.step("login window", "the client already waits at the login window",
+        self.step("login window", "the client to wait at the login window already",
                   lambda: self.check_client(self.LABEL, "loginwindow", self.ARGUMENTS, 0))
 
     def resumed(self, domain, uid):
-        self.step("resume", "the client is back in the user's session, with its restore file",
+        self.step("resume", "the client to be back in the user's session, with its restore file",
                   lambda: self.check_client(self.LABEL, domain, self.ARGUMENTS, uid))
 
     def resign(self):
@@ -182,7 +182,7 @@ class SocketRoad(Road):
             left = self.mac.listing(korvel.SESSIONS)
             expect(left == [SESSION, f"{SESSION}/{SESSION}.dat"], f"left in the folder: {left}")
             return f"job file gone, client ended, only its restore file left ({' '.join(left)})"
-        self.step("resign", "the agent is removed and its client ended", act)
+        self.step("resign", "the agent to be removed and its client to end", act)
 
     def nothing_resumed(self):
         def act():
@@ -190,7 +190,7 @@ class SocketRoad(Road):
             expect(not started, f"started: {started}")
             self.check_nothing_runs(self.LABEL)
             return "no client, no agent"
-        self.step("over", "a session that has resigned does not come back", act)
+        self.step("over", "a session that has resigned not to come back", act)
 
 
 class SessionRoad(Road):
@@ -247,7 +247,7 @@ class SessionRoad(Road):
             wrong = {i: self.mac.mode_owner(i) for i in items if self.mac.mode_owner(i) != "0777 0:80"}
             expect(not wrong, f"not 0777 root:admin: {wrong}")
             return f"{len(items)} items, all 0777 0:80 (root, admin)"
-        self.step("bundle", "a copy of the client that everyone may read and root and admin own", act)
+        self.step("bundle", "a copy of the client, all of it 0777 and of root and admin", act)
 
     def serve(self):
         def act():
@@ -256,18 +256,18 @@ class SessionRoad(Road):
             agent = self.check_file(korvel.agent_path(SESSION),
                                     korvel.agent_file(self.AGENT, self.ARGUMENTS))
             return f"{seen}; {answers}; {agent}"
-        self.step("daemon", "launchd runs the helper's copy, which installs the agent and serves",
+        self.step("daemon", "launchd to run the helper's copy, which installs the agent and serves",
                   act)
 
     def resumed(self):
-        self.step("resume", "the client's copy is back in the user's session",
+        self.step("resume", "the client's copy to be back in the user's session, with its restore file",
                   lambda: self.check_client(self.AGENT, "gui/501", self.ARGUMENTS, USER_ID))
 
     def forget(self):
         def act():
             self.mac.file("unlink", korvel.restore_path(SESSION))
             return f"{korvel.restore_path(SESSION)} is gone"
-        self.step("end", "the support session is over: its restore file goes", act)
+        self.step("end", "the support session to be over: its restore file goes", act)
 
     def removed(self):
         def act():
@@ -278,7 +278,7 @@ class SessionRoad(Road):
             except Exception:
                 raise Unexpected(f"left: {[p for p in paths if self.mac.exists(p)]}") from None
             return "both job files and the session folder are gone"
-        self.step("removal", "the daemon finds no restore file and removes all that is its own", act)
+        self.step("removal", "the daemon to find no restore file and to remove all that is its own", act)
 
     def nothing_resumed(self):
         def act():
@@ -287,7 +287,7 @@ class SessionRoad(Road):
             expect(not self.mac.clients(self.mark), f"started: {self.mac.clients(self.mark)}")
             expect(not self.mac.exists(korvel.endpoint_path(SESSION)), "the endpoint is still there")
             return "no daemon, no agent, no client, no endpoint"
-        self.step("over", "nothing of the session comes back", act)
+        self.step("over", "nothing of the session to come back", act)
 
 
 ROADS = (SocketRoad, SessionRoad)

@@ -1,7 +1,9 @@
 """Telling a story step by step: one line a step, with its time, what was expected and seen."""
 
 import json
+import shutil
 import sys
+import textwrap
 import time
 
 
@@ -15,42 +17,51 @@ def expect(condition, seen):
 
 
 class Teller:
-    """Prints steps for people: a line while one runs (on a terminal), a line when it is over."""
+    """Prints steps for people: one line when a step is over. On a terminal the line is colored and
+    broken at the window's width, and the step that runs is shown."""
 
-    MARKS = {True: ("ok  ", "\x1b[32m"), False: ("FAIL", "\x1b[31;1m")}
+    MARKS = {True: ("ok  ", "32"), False: ("FAIL", "31;1")}
+    COLUMN = 18     # where a step's text begins
 
     def __init__(self, out=sys.stdout):
         self.out = out
         self.on_terminal = out.isatty()
 
-    def _color(self, code, text):
-        return f"{code}{text}\x1b[0m" if self.on_terminal else text
-
-    def _write(self, text):
-        self.out.write(text)
-        self.out.flush()
-
     def chapter(self, release, title):
-        self._write("\n" + self._color("\x1b[1m", f"macOS {release}: {title}") + "\n")
+        self._write("\n" + self._color("1", f"macOS {release}: {title}") + "\n")
 
     def begin(self, step):
         if self.on_terminal:
-            self._write(f"  {'...':>8}        {step['step']}\r")
+            self._write(f"{'...':>10}        {step['step']}\r")
 
     def end(self, step):
         mark, code = self.MARKS[step["ok"]]
         clear = "\x1b[2K" if self.on_terminal else ""
-        self._write(f"{clear}{step['time_s']:8.2f} s  {self._color(code, mark)}  "
-                    f"{self._color(chr(27) + '[1m', step['step'])}: expected {step['expected']}; "
-                    f"saw {step['seen']}\n")
+        self._write(f"{clear}{step['time_s']:8.2f} s  {self._color(code, mark)}  {self._text(step)}\n")
         for name, lines in step.get("log", {}).items():
-            self._write(f"            {name}:\n")
-            self._write("".join(f"              {line}\n" for line in lines))
+            self._write(f"{'':12}{name}:\n" + "".join(f"{'':14}{line}\n" for line in lines))
 
     def summary(self, steps, took_s):
         failed = [s for s in steps if not s["ok"]]
         verdict = "the story ended early: a step failed" if failed else "all as expected"
         self._write(f"\n{len(steps)} steps in {took_s:.1f} s, {verdict}\n")
+
+    def _text(self, step):
+        name, parts = step["step"], [f"expected {step['expected']};", f"saw {step['seen']}"]
+        if not self.on_terminal:
+            return f"{name}: {' '.join(parts)}"
+        width = max(shutil.get_terminal_size().columns, 60)
+        margin = " " * self.COLUMN
+        text = "\n".join(textwrap.fill(part, width, initial_indent=margin, subsequent_indent=margin
+                                       + "  ", break_on_hyphens=False) for part in parts)
+        return self._color("1", name) + "\n" + text
+
+    def _color(self, code, text):
+        return f"\x1b[{code}m{text}\x1b[0m" if self.on_terminal else text
+
+    def _write(self, text):
+        self.out.write(text)
+        self.out.flush()
 
 
 class JsonTeller:

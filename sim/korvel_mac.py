@@ -1,10 +1,24 @@
 """A simulated Mac with the product on it: what installers, clients and supporters do there."""
 
+import json
 import pathlib
 import stat
 
 import korvel
 from macroot_api import MacFailure, MacRoot
+
+LIST_PROCESSES = """
+import json, os
+found = []
+for name in filter(str.isdigit, os.listdir("/proc")):
+    try:
+        with open(f"/proc/{name}/cmdline", "rb") as file:
+            words = file.read().decode(errors="replace").split("\\0")[:-1]
+        found.append([int(name), os.stat(f"/proc/{name}").st_uid, words])
+    except OSError:
+        continue    # ended meanwhile
+print(json.dumps([entry for entry in found if entry[0] not in (1, os.getpid())]))
+"""
 
 
 def find_program(build, *places):
@@ -66,20 +80,8 @@ class KorvelMac(MacRoot):
 
     def processes(self):
         """The (pid, uid, arguments) of every process but process 1."""
-        script = ("import os,json\n"
-                  "def one(p):\n"
-                  " d='/proc/%s/'%p\n"
-                  " return int(p),os.stat(d).st_uid,"
-                  "open(d+'cmdline','rb').read().decode(errors='replace').split('\\0')[:-1]\n"
-                  "r=[]\n"
-                  "for p in os.listdir('/proc'):\n"
-                  " if p.isdigit() and int(p) not in (1,os.getpid()):\n"
-                  "  try: r.append(one(p))\n"
-                  "  except OSError: pass\n"
-                  "print(json.dumps(r))\n")
-        import json
         return [tuple(entry) for entry in
-                json.loads(self.run(["/usr/bin/python3", "-ISc", script], check=True).text)]
+                json.loads(self.run(["/usr/bin/python3", "-ISc", LIST_PROCESSES], check=True).text)]
 
     def loaded(self, label):
         """The domains that have the job, and its processes there."""

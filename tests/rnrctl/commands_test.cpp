@@ -30,7 +30,7 @@ TEST(parse, takes_register_and_its_file) {
   EXPECT_EQ(asked.asked, action::register_session);
   EXPECT_EQ(asked.file, "a.dat");
   EXPECT_EQ(asked.endpoint, "korvel_helper");
-  EXPECT_EQ(asked.timeout_s, 30);
+  EXPECT_EQ(asked.timeout_s, 60);
 }
 
 TEST(parse, takes_resign_and_ping) {

@@ -1,8 +1,9 @@
 """Run inside the Mac root: sends raw bytes to an endpoint and prints all that comes back.
 
-    ask.py PATH [--half] < BYTES
+    ask.py PATH [--half | --leave] < BYTES
 
-With --half the sending side is closed after the bytes, as a client does that breaks off."""
+With --half the sending side is closed after the bytes, as a client does that breaks off; with
+--leave the whole connection is, without a look at the answer."""
 
 import socket
 import sys
@@ -10,16 +11,16 @@ import sys
 LIMIT_S = 30
 
 
-def ask(path, data, half):
+def ask(path, data, option):
     with socket.socket(socket.AF_UNIX) as connection:
         connection.settimeout(LIMIT_S)
         connection.connect(path)
         answer = b""
         try:
             connection.sendall(data)
-            if half:
+            if option == "--half":
                 connection.shutdown(socket.SHUT_WR)
-            while chunk := connection.recv(65536):
+            while option != "--leave" and (chunk := connection.recv(65536)):
                 answer += chunk
         except (BrokenPipeError, ConnectionResetError):
             pass  # the helper has dropped the connection
@@ -27,4 +28,5 @@ def ask(path, data, half):
 
 
 if __name__ == "__main__":
-    sys.stdout.buffer.write(ask(sys.argv[1], sys.stdin.buffer.read(), "--half" in sys.argv))
+    PATH, *OPTIONS = sys.argv[1:]
+    sys.stdout.buffer.write(ask(PATH, sys.stdin.buffer.read(), "".join(OPTIONS)))

@@ -83,9 +83,7 @@ class Dispatch(SystemCase):
         self.mac.cover("/bin/rm", "#!/bin/sh\nexit 1\n")
         self.run_helper("-restoreFile", ABC)
         self.assert_exists(korvel.agent_path("abc"))
-        line = f"main: Failed to uninstall agent for {ABC}"
-        self.assertEqual([n for n in self.mac.messages() if n == line.partition(": ")[2]],
-                         [line.partition(": ")[2]] * 2)
+        self.assertEqual(self.mac.messages().count(f"Failed to uninstall agent for {ABC}"), 2)
 
     # Per-session daemon
 
@@ -171,6 +169,23 @@ class Dispatch(SystemCase):
     def test_other_words_are_passed_over(self):
         self.serve("-installed", "1", "-exePath", korvel.CLIENT, "stray", "-unknown", "x")
         self.assert_serves()
+
+    def test_options_that_say_no_are_no(self):
+        self.serve("-test", "0", "-runInstall", "NO", "-installed", "false", "-test")
+        self.assert_serves()
+        self.assert_gone(korvel.daemon_path())
+
+    def test_options_that_say_yes_are_yes(self):
+        for number, word in enumerate(("1", "YES", "true"), 1):
+            self.run_helper("-runInstall", word)
+            self.assertEqual(len(self.mac.launchctl_calls()), number)
+
+    def test_standard_descriptors_closed_at_start_harm_nothing(self):
+        self.mac.put_helper()
+        done = self.mac.run(["/bin/sh", "-c",
+                             f"exec {korvel.HELPER} -runInstall 1 <&- >&- 2>&-"])
+        self.assertEqual(done.status, 0)
+        self.assert_log(*SERVICE_LOG, path=korvel.INSTALL_LOG)
 
     def test_a_second_helper_takes_the_endpoint_over(self):
         first = self.serve()

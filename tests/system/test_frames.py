@@ -71,6 +71,11 @@ class Frames(SystemCase):
         frame = korvel.frame(korvel.packet("rnr_ping", ""))
         self.assertEqual(self.send(frame + frame), EMPTY_REPLY)
 
+    def test_a_client_that_does_not_wait_for_its_answer_harms_nobody(self):
+        for _ in range(3):
+            self.send(korvel.frame(korvel.packet("rnr_ping", "")), "--leave")
+        self.assert_serves()
+
     def test_many_clients_at_once_are_served_one_after_the_other(self):
         frame = korvel.frame(korvel.packet("rnr_ping", ""))
         script = f"for i in $(seq 40); do {self.mac.rnrctl_path} ping > /dev/null || echo bad & done; wait"
@@ -84,6 +89,17 @@ class Frames(SystemCase):
 
 class TheLog(SystemCase):
     """The log file seen from outside: folding and rotation."""
+
+    def test_every_line_is_told_on_standard_error_too(self):
+        done = self.run_helper("-restoreFile", "/nowhere/abc.dat")
+        self.assertEqual(korvel.log_messages(done.err), self.mac.log())
+        self.assertGreater(len(self.mac.log()), 3)
+
+    def test_a_log_that_cannot_be_written_stops_nothing(self):
+        self.mac.put_helper()
+        self.mac.file("mkdir", korvel.LOG)
+        done = self.run_helper("-restoreFile", "/nowhere/abc.dat")
+        self.assertGreater(len(korvel.log_messages(done.err)), 3)
 
     def test_equal_lines_are_folded_into_a_count(self):
         self.serve()

@@ -1,5 +1,7 @@
 """What clients ask for over the endpoint: register and resign in all their cases."""
 
+import time
+
 import korvel
 from system_case import FAILING_PROGRAM, REGISTER, RESIGN, SystemCase
 
@@ -118,6 +120,24 @@ class Register(SystemCase):
         self.mac.write("/Users/alice/x.datum.dat", "")
         self.ask_well(REGISTER, "/Users/alice/x.datum.dat")
         self.assert_exists(korvel.agent_path("xum"), korvel.restore_path("xum"))
+
+
+class Pauses(SystemCase):
+    """The fixed pauses are kept: never shorter, on however slow a machine."""
+
+    def took(self, act):
+        begin_s = time.monotonic()
+        act()
+        return time.monotonic() - begin_s
+
+    def test_around_launchd(self):
+        self.mac.boot()
+        self.mac.login("alice")
+        self.serve()
+        path = self.restore_file()
+        self.assertGreaterEqual(self.took(lambda: self.ask_well(REGISTER, path)), 0.1 + 0.2)
+        self.assertGreaterEqual(self.took(lambda: self.ask_well(RESIGN, path)), 0.1 + 3 + 0.1 + 0.2)
+        self.assertGreaterEqual(self.took(lambda: self.run_helper("-runInstall", "1")), 0.1 + 0.2)
 
 
 class Resign(SystemCase):

@@ -9,10 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdint>
-#include <cstring>
 
 #include "ipc/endpoint.h"
+#include "ipc/frame.h"
 #include "ipc/packet.h"
 #include "muro/core/exception.h"
 #include "muro/core/hooks.h"
@@ -21,8 +20,6 @@
 
 namespace rnrctl {
 namespace {
-
-constexpr std::uint32_t kMaxBody = 0x100000;
 
 // How long `connect` may wait for room in a full queue; read by the socket hook below.
 long long connect_limit_ms = 0;
@@ -106,43 +103,39 @@ bool hung_up(int error) {
   fail(exit_status::refused, "the helper refused the request: it closed the connection unanswered");
 }
 
-void send_all(int descriptor, const std::string& bytes, const deadline& end) {
-  for (std::size_t sent = 0; sent < bytes.size();) {
-    wait_for(descriptor, POLLOUT, end);
-    const ssize_t n = ::write(descriptor, bytes.data() + sent, bytes.size() - sent);
-    if (n >= 0) sent += static_cast<std::size_t>(n);
-    if (n >= 0 || transient(errno)) continue;
-    if (hung_up(errno)) fail_refused();
-    fail(exit_status::failed, "cannot send the request", errno);
+// Moves bytes over a connection in non-blocking mode until the deadline. Failures are thrown.
+class timed_transfer {
+ public:
+  timed_transfer(int descriptor, const deadline& end) : descriptor_(descriptor), end_(end) {}
+
+  bool write(const unsigned char* bytes, int length) {
+    for (int sent = 0; sent < length;) {
+      wait_for(descriptor_, POLLOUT, end_);
+      const ssize_t n = ::write(descriptor_, bytes + sent, static_cast<std::size_t>(length - sent));
+      if (n >= 0) sent += static_cast<int>(n);
+      if (n >= 0 || transient(errno)) continue;
+      if (hung_up(errno)) fail_refused();
+      fail(exit_status::failed, "cannot send the request", errno);
+    }
+    return true;
   }
-}
 
-std::string receive_exactly(int descriptor, std::size_t length, const deadline& end) {
-  std::string bytes(length, '\0');
-  for (std::size_t got = 0; got < length;) {
-    wait_for(descriptor, POLLIN, end);
-    const ssize_t n = ::read(descriptor, bytes.data() + got, length - got);
-    if (n > 0) got += static_cast<std::size_t>(n);
-    if (n > 0 || (n < 0 && transient(errno))) continue;
-    if (n == 0 || hung_up(errno)) fail_refused();
-    fail(exit_status::failed, "cannot read the answer", errno);
+  bool read(unsigned char* bytes, int length) {
+    for (int got = 0; got < length;) {
+      wait_for(descriptor_, POLLIN, end_);
+      const ssize_t n = ::read(descriptor_, bytes + got, static_cast<std::size_t>(length - got));
+      if (n > 0) got += static_cast<int>(n);
+      if (n > 0 || (n < 0 && transient(errno))) continue;
+      if (n == 0 || hung_up(errno)) fail_refused();
+      fail(exit_status::failed, "cannot read the answer", errno);
+    }
+    return true;
   }
-  return bytes;
-}
 
-std::string frame_of(const std::string& body) {
-  const auto length = static_cast<std::uint32_t>(body.size());
-  std::string frame(sizeof length, '\0');
-  std::memcpy(frame.data(), &length, sizeof length);
-  return frame + body;
-}
-
-std::string receive_frame(int descriptor, const deadline& end) {
-  std::uint32_t length = 0;
-  std::memcpy(&length, receive_exactly(descriptor, sizeof length, end).data(), sizeof length);
-  if (length > kMaxBody) fail(exit_status::failed, "the answer is no frame of the helper's");
-  return receive_exactly(descriptor, length, end);
-}
+ private:
+  int descriptor_;
+  const deadline& end_;
+};
 
 }  // namespace
 
@@ -162,8 +155,12 @@ std::string make_request(const std::string& command, const std::string& argument
 std::string exchange(const std::string& name, const std::string& packet, long long limit_ms) {
   const deadline end(limit_ms);
   const muro::unique_fd connection = connect_to(name, end);
-  send_all(connection.get(), frame_of(packet), end);
-  return receive_frame(connection.get(), end);
+  timed_transfer transfer(connection.get(), end);
+  std::string reply;
+  if (!ipc_priv::write_frame(transfer, packet))
+    fail(exit_status::failed, "the request is too long");
+  if (!ipc_priv::read_frame(transfer, reply)) fail(exit_status::failed, "the answer is too long");
+  return reply;
 }
 
 }  // namespace rnrctl

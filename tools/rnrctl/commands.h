@@ -17,7 +17,7 @@ struct invocation {
   action asked = action::none;
   std::string file;  ///< as given; register and resign
   std::string endpoint = "korvel_helper";
-  double timeout_s = 30;
+  double timeout_s = 60;  ///< above the helper's own limit for a client that stays silent
 };
 
 /// The invocation that `words` (without the program's name) ask for. With `--help` or `--version`
