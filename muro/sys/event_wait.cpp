@@ -8,9 +8,13 @@
 #include <limits>
 
 #include "muro/core/exception.h"
+#include "muro/sys/event_wait_internal.h"
 #include "muro/sys/time.h"
 
 namespace muro {
+
+constinit detail::poll_function detail::g_poll = ::poll;
+
 namespace {
 
 // Deliberate: the product is taken in 32 bits and may wrap; what wraps to a negative number waits
@@ -35,13 +39,14 @@ int poll_until(pollfd& entry, int timeout_ms) {
   if (timeout_ms <= 0) {
     int result;
     do {
-      result = ::poll(&entry, 1, timeout_ms);
+      result = detail::g_poll(&entry, 1, timeout_ms);
     } while (result < 0 && errno == EINTR);
     return result;
   }
   const long long deadline_ms = relative_time() + timeout_ms;
-  int result = ::poll(&entry, 1, timeout_ms);
-  while (result < 0 && errno == EINTR) result = ::poll(&entry, 1, remaining_ms(deadline_ms));
+  int result = detail::g_poll(&entry, 1, timeout_ms);
+  while (result < 0 && errno == EINTR)
+    result = detail::g_poll(&entry, 1, remaining_ms(deadline_ms));
   return result;
 }
 

@@ -2,7 +2,11 @@
 
 #include <fcntl.h>
 
+#include "muro/sys/pipe_internal.h"
+
 namespace muro {
+
+constinit detail::pipe_function detail::g_pipe = ::pipe;
 
 void set_close_on_exec(int descriptor) noexcept {
   const int flags = ::fcntl(descriptor, F_GETFD);
@@ -11,7 +15,7 @@ void set_close_on_exec(int descriptor) noexcept {
 
 bool open_pipe(pipe_ends& out) noexcept {
   int ends[2];
-  if (::pipe(ends) != 0) return false;
+  if (detail::g_pipe(ends) != 0) return false;
   out.read.reset(ends[0]);
   out.write.reset(ends[1]);
   set_close_on_exec(ends[0]);

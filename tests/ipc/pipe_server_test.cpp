@@ -11,6 +11,7 @@
 #include "ipc/endpoint.h"
 #include "muro/core/exception.h"
 #include "tests/ipc/recorder.h"
+#include "tests/support/broken_pipes.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/frame_client.h"
 #include "tests/support/signal_storm.h"
@@ -239,7 +240,7 @@ TEST_F(server, leaves_no_descriptor) {
 
 TEST_F(server, without_a_stop_pipe_throws_and_leaves_the_socket_to_its_maker) {
   const muro::unique_fd listening(listen_at(path_));
-  test::descriptor_limit none_left(test::lowest_free());
+  const test::broken_pipes none;
   try {
     pipe_server failed(listening.get(), &endpoint_);
     FAIL() << "no exception";
@@ -364,20 +365,6 @@ TEST_F(server, tries_again_at_once_when_another_wake_up_took_the_client) {
   EXPECT_EQ(connect().ask("x"), "<x>");
   EXPECT_LT(watch.ms(), 50 * 100);
   EXPECT_EQ(accept_calls, 51);
-}
-
-TEST_F(server, real_shortage_of_descriptors_only_delays_a_client) {
-  how_.deferred = true;
-  start();
-  frame_client client = connect();
-  client.send_frame("patient");
-  {
-    test::descriptor_limit none_left(test::lowest_free());
-    server_->serve();
-    pollfd entry{client.descriptor(), POLLIN, 0};
-    EXPECT_EQ(::poll(&entry, 1, 30), 0);
-  }
-  EXPECT_EQ(client.receive_reply(), "<patient>");
 }
 
 TEST_F(server, exception_from_the_handler_ends_the_process) {

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "tests/support/descriptors.h"
+#include "tests/support/broken_pipes.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ TEST(open_pipe, closes_both_ends_on_exec) {
 }
 
 TEST(open_pipe, failure_tells_and_leaves_the_ends) {
-  test::descriptor_limit none_left(test::lowest_free());
+  const test::broken_pipes none;
   muro::pipe_ends pipe;
   EXPECT_FALSE(muro::open_pipe(pipe));
   EXPECT_EQ(errno, EMFILE);

@@ -7,6 +7,7 @@
 
 #include "muro/sys/files.h"
 #include "muro/sys/process.h"
+#include "tests/support/broken_pipes.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/processes.h"
 #include "tests/support/temp_dir.h"
@@ -240,11 +241,9 @@ TEST_F(process_options, reading_for_a_handler_ends_when_the_read_fails) {
 TEST_F(process_options, third_pipe_failing_throws_and_leaves_no_descriptor) {
   const std::set<int> before = test::open_descriptors();
   hear_stderr(keep_registration);
-  {
-    test::descriptor_limit limit(test::lowest_free() + 5);
-    EXPECT_EQ(failure_of([&] { start({"silent"}); }),
-              ":Error from 'pipe' (called in 'init_'): 24, Too many open files");
-  }
+  const test::broken_pipes third(2);
+  EXPECT_EQ(failure_of([&] { start({"silent"}); }),
+            ":Error from 'pipe' (called in 'init_'): 24, Too many open files");
   EXPECT_EQ(test::open_descriptors(), before);
   EXPECT_NE(options_.stderr_handler, nullptr);
 }
