@@ -1,15 +1,17 @@
 #include "front/command_handler.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <thread>
 
 #include "front/installation.h"
 #include "ipc/packet.h"
 #include "tests/front/mac.h"
+#include "tests/support/frame_client.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -253,6 +255,28 @@ TEST_F(command_handler, requests_that_wait_from_the_first_moment_see_a_whole_han
     ASSERT_EQ(test::request("front_test", test::packet("rnr_resign", "/tmp/abc.dat")), "");
     ASSERT_FALSE(test::exists(test::session_file("abc")));
   }
+}
+
+// The handler is destroyed while a request is being executed. Whatever the timing, that request
+// ends on a whole handler; the pause within it only makes the other order likely to be seen.
+TEST_F(command_handler, destruction_waits_for_the_request_in_hand) {
+  const std::string id = "an-id-too-long-to-lie-within-its-string-object";
+  install_session(id);
+  std::atomic<bool> in_hand = false;
+  std::atomic<bool> going = false;
+  test::on_pause([&](unsigned long long) {
+    in_hand = true;
+    while (!going) std::this_thread::yield();
+    ::usleep(20000);
+  });
+  auto handler = std::make_unique<ipc_communicator>("front_test", id);
+  test::frame_client client("/tmp/front_test.ipc");
+  ASSERT_TRUE(client.send_frame(test::packet("rnr_resign", "/tmp/" + id + ".dat")));
+  ASSERT_TRUE(test::wait_until([&] { return in_hand.load(); }));
+  going = true;
+  handler.reset();
+  EXPECT_FALSE(test::exists(test::session_file(id)));
+  EXPECT_THAT(test::log_of("commandReceived"), IsEmpty());
 }
 
 TEST(workspace_listener, does_nothing) {

@@ -273,6 +273,16 @@ std::string packet(const std::string& command, const std::string& argument) {
   return body;
 }
 
+bool wait_for_endpoint(const std::string& endpoint) {
+  return wait_until([&endpoint] {
+    try {
+      return frame_client("/tmp/" + endpoint + ".ipc").descriptor() >= 0;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  });
+}
+
 std::string request(const std::string& endpoint, const std::string& body) {
   return frame_client("/tmp/" + endpoint + ".ipc").ask(body).value_or("no reply");
 }

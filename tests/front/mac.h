@@ -89,6 +89,9 @@ class program {
 /// A request packet with the two strings as a client appends them.
 std::string packet(const std::string& command, const std::string& argument);
 
+/// Waits until the endpoint takes connections; false after ten seconds.
+bool wait_for_endpoint(const std::string& endpoint);
+
 /// Sends one request to the endpoint; the reply, or "no reply" when the connection gave none.
 std::string request(const std::string& endpoint, const std::string& body);
 

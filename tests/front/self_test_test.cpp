@@ -69,9 +69,11 @@ TEST_F(self_test, moving_moves_the_file_and_deletes_the_folder) {
 
 TEST_F(self_test, whole_run_exits_with_0_and_leaves_nothing) {
   test::install_client();
+  test::make_file(test::agent_file("test1245"));
   EXPECT_EQ(run(), 0);
   EXPECT_FALSE(test::exists(kFile));
   EXPECT_FALSE(test::exists(kTestSessionFolder));
+  EXPECT_FALSE(test::exists(test::agent_file("test1245")));
   EXPECT_FALSE(test::exists(test::daemon_file("test1245")));
   EXPECT_FALSE(test::exists(kHelper)) << "the helper is gone from where it was started";
   EXPECT_TRUE(test::exists(test::kClientExecutable));
