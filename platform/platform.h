@@ -24,12 +24,24 @@ using nil_string = std::optional<std::string>;
 /// use of options. Call once, on the main thread, before other threads exist.
 void set_arguments(int argc, char** argv);
 
-/// The start option `key` (without its minus sign) as a boolean; false when absent.
-/// macOS: `NSUserDefaults boolForKey:`. Linux: the pair `-key value` read as that class's argument
-/// domain reads it.
+// Start options are pairs of words, "-key value". What holds on every system:
+//
+//   - a word that starts with "-" is never a value: the key before it is absent, and the word is
+//     read as the next key; so is a key at the end of the list;
+//   - the last pair of a key wins; keys have letter case; all other words are passed over;
+//   - a value that is a whole property list is read as one: a quoted text loses its quotes, an
+//     array, a dictionary or data is no string. What is no property list is taken as it stands.
+//
+// Source: the argument domain of `NSUserDefaults` (Apple, "Preferences and Settings Programming
+// Guide"); on Linux, which has none, platform/linux/argument_value.h tells the rules in full.
+
+/// The start option `key` (without its minus sign) as a boolean; false when absent. "1", "YES" and
+/// "true" in any letter case are true, as is any text that begins with a digit from 1 to 9; "0",
+/// "NO", "false" and the empty text are false. macOS: `NSUserDefaults boolForKey:`.
 bool bool_option(const char* key);
 
-/// The start option `key` as a string; nil when absent. macOS: `NSUserDefaults stringForKey:`.
+/// The start option `key` as a string; nil when absent, empty when the empty word was given.
+/// macOS: `NSUserDefaults stringForKey:`.
 nil_string string_option(const char* key);
 
 /// A scope in which the system's temporary objects are collected: `NSAutoreleasePool` on macOS,
@@ -45,12 +57,13 @@ class autorelease_pool {
   void* pool_;
 };
 
-/// Blocks the main thread in the system's run loop (`CFRunLoopRun`); on Linux for ever. Returns
-/// only when the system ends the loop.
+/// Blocks the main thread in the system's run loop (`CFRunLoopRun`), without using time; on Linux
+/// for ever. Signals that are handled do not end it. Returns only when the system ends the loop.
 void run_main_loop();
 
 /// The path of the running executable as the system keeps it (`_NSGetExecutablePath`,
-/// `/proc/self/exe`), links not resolved; nil when the system cannot tell.
+/// `/proc/self/exe`); nil when the system cannot tell. After the file was moved macOS still gives
+/// the path of the start, Linux the new one; after it was removed both give the last path.
 nil_string executable_path();
 
 /// The calling security session: `SessionGetInfo(callerSecuritySession)` on macOS. On Linux the id
@@ -84,8 +97,13 @@ std::uint64_t thread_number();
 /// the descriptor table's size); macOS closes each number below that size.
 void close_descriptors(int first, int last) noexcept;
 
+// The file-manager operations: `NSFileManager` on macOS, POSIX calls on Linux. They block, keep no
+// state and may be called from any thread. A path that is empty or holds a zero byte is a failure.
+// None is undone when it fails half-way.
+
 /// The outcome of a file-manager operation: whether it succeeded, and if not the system's own
-/// description of the failure (`localizedDescription`), nil when the system gave none.
+/// description of the failure in one line (`localizedDescription`; on Linux the text of the failed
+/// call's errno), nil when the system gave none.
 struct file_outcome {
   bool ok;
   nil_string description;
@@ -93,19 +111,23 @@ struct file_outcome {
 
 /// Makes the folder `path` with permission bits `mode`, whatever the umask, and every missing
 /// folder above it (those with 0755 on Linux). A folder that exists already counts as success and
-/// keeps its mode; any other entry at the path is a failure.
+/// keeps its mode; any other entry at the path is a failure. Slashes at the end do not count.
 file_outcome create_folder(const std::string& path, mode_t mode);
 
 /// Copies the file or tree `from` to `to`, which must not exist yet while its parent folder does.
-/// Links are copied as links, permission bits are kept.
+/// Links are copied as links, permission bits are kept; owners are not. On Linux a folder is not
+/// copied into itself, and what is no file, folder or link is not copied; both are failures.
 file_outcome copy_item(const std::string& from, const std::string& to);
 
-/// Sets permission bits, owner and group of one item; the accounts are named. Follows a link.
+/// Sets permission bits, owner and group of one item; the accounts are named. Follows a link. An
+/// account that does not exist is a failure (on Linux one without a description, and the item is
+/// not touched).
 file_outcome set_attributes(const std::string& path, mode_t mode, const char* owner,
                             const char* group);
 
 /// Every entry below the folder `path`, as paths relative to it, a folder before what it holds.
-/// Links are listed and not followed. Empty when the folder cannot be read.
+/// Links are listed and not followed. In the system's order otherwise. What cannot be read is left
+/// out; nothing is left when `path` itself cannot be.
 std::vector<std::string> subpaths(const std::string& path);
 
 }  // namespace platform

@@ -21,7 +21,6 @@ nil_string last_value_of(const std::string& key) {
     const std::string next = argument_list[i + 1];
     if (!names_a_key(word) || names_a_key(next)) continue;
     if (word.compare(1, std::string::npos, key) == 0) found = next;
-    ++i;
   }
   return found;
 }
