@@ -82,6 +82,8 @@ class log_test : public own_process_test {
 class held_dumper {
  public:
   held_dumper() {
+    // A line that is still queued would share the held batch.
+    muro::errlog::wait_for_flush();
     auto* const sink = muro::log_direct_sink.load();
     muro::errlog::set_log_direct_sink([](const char*, std::size_t) {
       is_held().post();
