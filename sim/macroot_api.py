@@ -210,8 +210,8 @@ class MacRoot:
         compileall.compile_dir(SIM / "launchd", quiet=2)
         own, peers = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         info_read, info_write = os.pipe()
-        words = [launcher or find_launcher(build), "--release", release, "--info-fd", str(info_write),
-                 "--source", str(SOURCE)]
+        words = [launcher or find_launcher(build), "--release", release,
+                 "--info-fd", str(info_write), "--source", str(SOURCE)]
         for name, uid in (users or {}).items():
             words += ["--user", f"{name}:{uid}"]
         for bind in binds:
@@ -390,7 +390,8 @@ class MacRoot:
                 and all(event.get(name) == value for name, value in fields.items())]
 
     def wait_for(self, kind, limit_s=10, since=0, **fields):
-        """The first such event since the mark, waited for if it has not happened. Throws Timeout."""
+        """The first such event since the mark, waited for if it is still to come. Throws
+        Timeout."""
         self.channel.pump_until(lambda: self.find(kind, since, **fields), limit_s,
                                 f"{kind} {fields}")
         return self.find(kind, since, **fields)[0]

@@ -1,1 +1,1 @@
-"""The simulated Mac's process 1: launchd, the login window, log-ins, restarts and their timeline."""
+"""The simulated Mac's process 1: launchd, login window, log-ins, restarts and a timeline."""

@@ -1,4 +1,4 @@
-"""Process 1 of a simulated Mac: python3 -I launchd [--owner FD] [--throttle S] [--exit-timeout S]."""
+"""Process 1 of a simulated Mac: launchd [--owner FD] [--throttle S] [--exit-timeout S]."""
 
 import os
 import resource

@@ -218,7 +218,7 @@ class Launchd:
             pass  # ended, and not reaped yet
 
     def process_exited(self, pid, status):
-        """A child has ended (negative: by a signal) and is not reaped yet; gives whether a job's."""
+        """A child has ended (negative: by a signal) and is not yet reaped; was it a job's?"""
         job = self._running.pop(pid, None)
         if job is None:
             return False

@@ -63,7 +63,8 @@ class Files(MacCase):
         self.mac.write("/Users/x", b"\0bytes", 0o640, (501, 20))
         info = self.mac.stat("/Users/x")
         self.assertEqual(self.mac.read("/Users/x"), b"\0bytes")
-        self.assertEqual((info["st_mode"] & 0o777, info["st_uid"], info["st_gid"]), (0o640, 501, 20))
+        self.assertEqual((info["st_mode"] & 0o777, info["st_uid"], info["st_gid"]),
+                         (0o640, 501, 20))
 
     def test_links_are_followed_inside_the_root(self):
         self.mac.file("symlink", "/etc/passwd", "/Users/link")
@@ -145,7 +146,8 @@ class Rights(MacCase):
         self.mac.boot()
         script = ("import socket\n"
                   "for data in (b'x', b'{}', b'[]', b'5', b'{\"op\": 5}', b'\\xff',\n"
-                  "             b'{\"op\": \"launchctl\"}', b'{\"op\": \"launchctl\", \"argv\": 1}',\n"
+                  "             b'{\"op\": \"launchctl\"}',\n"
+                  "             b'{\"op\": \"launchctl\", \"argv\": 1}',\n"
                   "             b'{\"op\": \"client\"}', b'{\"op\": \"run\"}'):\n"
                   "    s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)\n"
                   "    s.connect('/var/run/macroot.sock')\n"

@@ -2,7 +2,6 @@
 """/bin/launchctl: verbs, rights, statuses, the record of each call."""
 
 import os
-import unittest
 
 import root_case
 from root_case import CLIENT, MacCase
@@ -174,7 +173,8 @@ class Bootstrap(MacCase):
             ["bootstrap", "gui/501\n", self.path], ["bootout", "gui/501\n", self.path]])
 
     def test_targets_that_are_no_domain_are_refused(self):
-        for target in ("gui/", "gui/\n", "gui/alice", "gui/501x", "gui", "501", "", "sys", "gui/-1"):
+        for target in ("gui/", "gui/\n", "gui/alice", "gui/501x", "gui/-1", "gui", "501", "",
+                       "sys"):
             with self.subTest(target):
                 self.assertEqual(self.launchctl("bootstrap", target, self.path).status, 64)
 

@@ -136,7 +136,8 @@ class TheCommand(unittest.TestCase):
         self.assertIn("/nowhere", done.stderr)
 
     def test_environment_is_cleared(self):
-        shown = inside("env | cut -d= -f1 | sort | tr '\\n' ' '", "--env", "A=1", "--env", "NOT_SET")
+        shown = inside("env | cut -d= -f1 | sort | tr '\\n' ' '",
+                       "--env", "A=1", "--env", "NOT_SET")
         self.assertEqual(shown, "A KORVEL_MACROOT PATH PWD")
 
     def test_variable_without_value_is_the_callers(self):

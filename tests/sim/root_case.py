@@ -22,7 +22,8 @@ def in_ci():
 def run(*words, **options):
     """Runs the launcher with these words and gives the finished process."""
     options.setdefault("timeout", 60)
-    return subprocess.run([LAUNCHER, *words], capture_output=True, text=True, check=False, **options)
+    return subprocess.run([LAUNCHER, *words], capture_output=True, text=True, check=False,
+                          **options)
 
 
 def inside(script, *options):

@@ -1,8 +1,6 @@
 #!/usr/bin/python3
 """Booting, the login window, log-ins, switching between users, log-outs, restarts."""
 
-import unittest
-
 import root_case
 from launchd import loginrecords
 from macroot_api import MacFailure
@@ -17,7 +15,8 @@ class Sessions(MacCase):
         data = self.mac.read("/var/run/utmp")
         logins = [(fields[1], fields[4].rstrip(b"\0").decode())
                   for fields in loginrecords.RECORD.iter_unpack(data)
-                  if fields[0] == loginrecords.USER_PROCESS and fields[2].strip(b"\0") == b"console"]
+                  if fields[0] == loginrecords.USER_PROCESS
+                  and fields[2].strip(b"\0") == loginrecords.CONSOLE]
         return self.mac.stat("/dev/console")["st_uid"], logins
 
     def running(self, label):

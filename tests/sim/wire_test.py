@@ -104,14 +104,14 @@ class Items(unittest.TestCase):
 SEND = """
 import socket, sys
 s = socket.socket(socket.AF_UNIX); s.connect(sys.argv[1]); s.settimeout(float(sys.argv[3]))
-for piece in sys.argv[2].split(","): s.sendall(bytes.fromhex(piece))
 data = b""
 try:
+    for piece in sys.argv[2].split(","): s.sendall(bytes.fromhex(piece))
     while len(data) < 40:
         more = s.recv(8192)
         if not more: break
         data += more
-except (TimeoutError, ConnectionResetError): pass
+except (TimeoutError, ConnectionResetError, BrokenPipeError): pass
 print(data.hex())
 """
 
