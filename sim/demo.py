@@ -9,7 +9,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 from demo_roads import ROADS  # noqa: E402
 from demo_story import JsonTeller, Story, StoryEnded, Teller  # noqa: E402
-from korvel_mac import KorvelMac  # noqa: E402
+from korvel_mac import ONE_ID, KorvelMac  # noqa: E402
 from macroot_api import MacFailure, NoRoot  # noqa: E402
 
 DEFAULT_RELEASES = ["10.11", "15"]
@@ -49,6 +49,8 @@ def tell(story, chosen):
             if chosen.road in (None, road.ROAD):
                 with KorvelMac(chosen.build_dir, release=release,
                                client=not chosen.no_client) as mac:
+                    if mac.mode == "single":
+                        raise NoRoot(ONE_ID)
                     story.chapter(release, road.ROAD, road.TITLE, mac.log_lines)
                     road(mac, story).tell()
 

@@ -7,6 +7,7 @@ import stat
 import korvel
 from macroot_api import MacFailure, MacRoot
 
+ONE_ID = "this machine gives a private root only one user id, and a Mac's users need several"
 LIST_PROCESSES = """
 import json, os
 found = []

@@ -20,6 +20,8 @@ EMPTY_REPLY = b"\0\0\0\0"
 REFUSED = b""
 
 REGISTER, RESIGN = "rnr_register", "rnr_resign"
+# The leak sanitizer traces the process at its end, which nobody can do under strace.
+UNTRACED = {"ASAN_OPTIONS": "detect_leaks=0"}
 # A program that fails, seen to have ended by the time its output is closed.
 FAILING_PROGRAM = "#!/bin/sh\nsleep 0.1 &\nexit 1\n"
 
@@ -33,12 +35,20 @@ class SystemCase(unittest.TestCase):
     def setUp(self):
         self.mac = self.make_mac()
         self.served = None
+        self.addCleanup(self.assert_no_sanitizer_spoke)
 
     def make_mac(self, **options):
         options.setdefault("release", self.release)
         mac = KorvelMac(BUILD, **options)
         self.addCleanup(mac.close)
         return mac
+
+    def assert_no_sanitizer_spoke(self):
+        """A helper that serves is ended by a signal, so only its output tells of a finding."""
+        said = self.served.errors() if self.served else b""
+        if self.mac.exists("/var/log/system.log"):
+            said += self.mac.read("/var/log/system.log")
+        self.assertNotRegex(said, b"Sanitizer|runtime error")
 
     # The helper
 
@@ -165,7 +175,7 @@ class SystemCase(unittest.TestCase):
         return self.mac.start(
             ["/usr/bin/strace", "-f", "-qq", "-v", "-s", "4096", "-e", "trace=execve",
              "-e", "signal=none", "-o", self.TRACE, korvel.HELPER, *words],
-            env={"ASAN_OPTIONS": "detect_leaks=0"})
+            env=UNTRACED)
 
     def programs(self):
         """The arguments of every program that has run since, in order, the helper's left out."""
@@ -183,8 +193,9 @@ class SystemCase(unittest.TestCase):
         arguments = [ast.literal_eval(text) for text in calls]
         return [words for words in arguments if words[0] != korvel.HELPER]
 
-    def lingering(self, *words):
-        """The words of a helper whose end takes long enough for its log to be written: the role
-        that ends at once does not wait for that."""
-        return ["/usr/bin/strace", "-qq", "-o", "/dev/null", "-e", "trace=exit_group",
-                "-e", "inject=exit_group:delay_enter=500000", korvel.HELPER, *words]
+    def linger(self, *words):
+        """Runs a helper whose end takes long enough for its log to be written: the role that ends
+        at once does not wait for that."""
+        return self.mac.run(
+            ["/usr/bin/strace", "-qq", "-o", "/dev/null", "-e", "trace=exit_group",
+             "-e", "inject=exit_group:delay_enter=500000", korvel.HELPER, *words], env=UNTRACED)

@@ -145,8 +145,8 @@ class Dispatch(SystemCase):
         for name in ("abc.txt", ".dat", "..dat", "...dat"):
             self.mac.write(f"/Users/alice/{name}", "")
             before = self.snapshot()
-            done = self.mac.run(self.lingering("-restoreFile", f"/Users/alice/{name}",
-                                               "-exePath", korvel.CLIENT_BUNDLE))
+            done = self.linger("-restoreFile", f"/Users/alice/{name}",
+                               "-exePath", korvel.CLIENT_BUNDLE)
             self.assertEqual(done.status, 42, name)
             self.assert_log(..., "main: Invalid restore file, should remove self")
             self.assertEqual(self.snapshot(), before, name)

@@ -1,7 +1,7 @@
 """The restore file is at its old place or at its new one at every instant."""
 
 import korvel
-from system_case import PYTHON, SystemCase
+from system_case import PYTHON, SystemCase, UNTRACED
 
 ABC = "/Users/alice/abc.dat"
 
@@ -56,7 +56,7 @@ class Killed(SystemCase):
             ["/usr/bin/strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
              "-e", f"inject={call}:signal=KILL:when={number}", korvel.HELPER,
              "-restoreFile", ABC, "-exePath", korvel.CLIENT_BUNDLE],
-            env={"ASAN_OPTIONS": "detect_leaks=0"})
+            env=UNTRACED)
         return done.status != 0
 
     def assert_one_whole_file(self, where):
@@ -95,7 +95,7 @@ class Killed(SystemCase):
             when = 1 if number == 1 else "2+"
             self.mac.start(["/usr/bin/strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
                             "-e", f"inject={call}:signal=KILL:when={when}", korvel.HELPER],
-                           env={"ASAN_OPTIONS": "detect_leaks=0"})
+                           env=UNTRACED)
             self.mac.wait_until(lambda: self.mac.exists(korvel.endpoint_path()))
             self.send(korvel.frame(korvel.packet("rnr_register", ABC)))
             self.assertEqual(self.assert_one_whole_file(number), place)
