@@ -15,6 +15,10 @@ struct row {
   role expected;
 };
 
+void PrintTo(const row& one, std::ostream* out) {
+  *out << one.name;
+}
+
 start_options with(const char* restore_file, bool installed = false) {
   start_options options;
   options.restore_file = restore_file;

@@ -23,6 +23,10 @@ struct value_case {
   const char* expected;
 };
 
+void PrintTo(const value_case& one, std::ostream* out) {
+  *out << '"' << one.value << '"';
+}
+
 class flag_value : public testing::TestWithParam<value_case> {};
 
 TEST_P(flag_value, reads_as_user_defaults_do) {

@@ -10,6 +10,10 @@ struct string_case {
   nil_string expected;
 };
 
+void PrintTo(const string_case& one, std::ostream* out) {
+  *out << testing::PrintToString(one.given);
+}
+
 class argument_value : public testing::TestWithParam<string_case> {};
 
 TEST_P(argument_value, is_read_as_a_property_list_or_verbatim) {
