@@ -1,5 +1,7 @@
 #include "muro/core/fmt.h"
 
+#include <algorithm>
+
 namespace muro {
 
 namespace {
@@ -20,6 +22,10 @@ int placeholder_number(const std::string& digits) {
 fmt::fmt(const std::string& tmpl) {
   enum { text, percent, number } state = text;
   std::string literal, digits;
+  // A placeholder takes two percents, so there can be no more of them than this.
+  const auto most = static_cast<std::size_t>(std::count(tmpl.begin(), tmpl.end(), '%')) / 2;
+  slots_.reserve(most);
+  pieces_.reserve(2 * most + 1);
   for (const char c : tmpl) {
     if (state == text) {
       if (c == '%') {
