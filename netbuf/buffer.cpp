@@ -7,6 +7,7 @@ namespace netbuf_imp {
 namespace {
 
 constexpr std::int32_t everything = std::numeric_limits<std::int32_t>::max();
+// With this many views the next growth first makes one of them.
 constexpr std::size_t view_count_to_compact = 129;
 constexpr std::int32_t largest_growth_chunk = 1048576;
 
@@ -17,6 +18,7 @@ buffer::buffer(const buffer& other, std::int32_t offset, std::int32_t length) {
   if (length < 1 || offset >= other.total_) return;
   length = std::min(length, other.total_ - offset);
 
+  // No view is empty, so neither loop leaves the other's views.
   std::size_t first = 0;
   while (offset >= other.views_[first].length()) offset -= other.views_[first++].length();
 
@@ -73,15 +75,16 @@ void buffer::take(buffer& other, end where) {
   total_ += std::exchange(other.total_, 0);
 }
 
-// Bounds the number of views, and with it the size of the next chunk.
+// Bounds the number of views, and with it the time of every operation that visits them all.
 void buffer::compact() {
   if (views_.size() >= view_count_to_compact) gather(views_.size(), total_);
 }
 
 // Puts the first `count` views, `length` bytes together, into one new chunk.
 void buffer::gather(std::size_t count, std::int32_t length) {
-  view joined(new nchunk(length), 0, length);
-  copy_range(joined.grow(0, end::front), 0, length);
+  chunk* made = new nchunk(length);
+  view joined(made, 0, length);
+  copy_range(made->memory(), 0, length);
   while (count-- > 0) views_.pop(end::front);
   views_.push(std::move(joined), end::front);
 }
@@ -107,7 +110,8 @@ char* buffer::grow_by_new_view(chunk* made, std::int32_t n, end where) noexcept 
   return start;
 }
 
-// The chunk for `n` more bytes in a buffer that holds `total` bytes then.
+// The chunk for `n` more bytes in a buffer that holds `total` bytes then. It grows with the buffer,
+// so that the number of chunks grows with the logarithm of the length only.
 std::int32_t buffer::new_chunk_size(std::int32_t n, std::int32_t total) const {
   const auto count = static_cast<std::int32_t>(views_.size());
   return std::max(n, std::min(count * 128 + total / 4 + 128, largest_growth_chunk));
@@ -117,6 +121,7 @@ char* buffer::allocate(std::int32_t n, end where) {
   if (n < 1) return nullptr;
   refuse_beyond_limit(n);
   compact();
+  // Whatever may throw is done before anything is changed.
   if (room(where) >= n) return grow_end_view(n, where);
   views_.make_room(1);
   return grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
@@ -127,7 +132,7 @@ char* buffer::allocate_some(std::int32_t minimum, std::int32_t maximum, end wher
   *length = 0;
   if (minimum < 1) return nullptr;
   refuse_beyond_limit(minimum);
-  maximum = std::clamp(maximum, minimum, std::max(minimum, everything - total_));
+  maximum = std::clamp(maximum, minimum, everything - total_);
   compact();
   const std::int32_t there = room(where);
   if (there >= minimum) {
@@ -147,6 +152,7 @@ const char* buffer::pull_up(std::int32_t limit, std::int32_t* length) {
     if (total_ <= limit) {
       gather(views_.size(), total_);
     } else if (views_[0].length() <= limit / 2) {
+      // Short views are worth joining; one that is long enough is not worth copying.
       std::size_t count = 0;
       std::int32_t gathered = 0;
       while (count < views_.size() && gathered < limit && views_[count].length() <= limit / 2) {

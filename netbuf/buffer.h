@@ -9,8 +9,12 @@
 
 namespace netbuf_imp {
 
-/// The operations are those of the table (netbuf/operations.h), with the same rules. Between two
-/// of them no view is empty and `size()` is the sum of the views' lengths.
+///     views_:  front [ view ][ view ] ... [ view ] back
+///              room before the first |    | room behind the last
+///
+/// The operations are those of the table (netbuf/operations.h), with the same rules for lengths,
+/// limits and failures. Between two of them no view is empty and `size()` is the sum of the views'
+/// lengths.
 class buffer {
  public:
   buffer() = default;
@@ -18,6 +22,7 @@ class buffer {
   buffer& operator=(const buffer&) = delete;
 
   std::int32_t size() const noexcept { return total_; }
+  /// The views in order. References to them end with the next operation that is not const.
   std::size_t view_count() const noexcept { return views_.size(); }
   const view& view_at(std::size_t i) const noexcept { return views_[i]; }
 
@@ -37,6 +42,7 @@ class buffer {
   std::int32_t compare(const char* data, std::int32_t n) const;
 
  private:
+  /// Throws `std::length_error` when `more` bytes would be too many.
   void refuse_beyond_limit(std::int32_t more) const;
   void compact();
   void gather(std::size_t count, std::int32_t length);

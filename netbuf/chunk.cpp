@@ -5,6 +5,8 @@
 namespace netbuf_imp {
 namespace {
 
+// Written by the initialisation, before threads start. The caches are never destroyed: a buffer
+// may outlive every other object of the process.
 constinit bool g_initialised = false;
 constinit bool g_caching = false;
 constinit memory_cache* g_caches[std::size(size_classes)] = {};
@@ -61,12 +63,15 @@ void cache_mem::deallocate(cache_mem* batch) {
 
 nchunk::piece nchunk::acquire(std::int32_t n) {
   std::int32_t chunk_size = 0;
+  // A cache whose batches are used up yields nothing.
   if (memory_cache* cache = cache_for(n, chunk_size)) {
     if (cache_mem* item = cache->take()) return {item->memory(), chunk_size, cache};
   }
   return {static_cast<char*>(general_allocate(static_cast<std::size_t>(n))), n, nullptr};
 }
 
+// The object has its own memory before the chunk's is acquired, so nothing is lost when the second
+// of the two fails.
 nchunk::nchunk(std::int32_t n) : nchunk(acquire(n)) {}
 
 nchunk::nchunk(const piece& from) noexcept

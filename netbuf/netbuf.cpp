@@ -15,7 +15,8 @@ Result missing(Arguments...) {
   throw std::logic_error("netbuf: no operation table is installed");
 }
 
-// Only entries that need no object can be reached before a table is installed.
+// What stands in the table's place until there is one, so that the operations need not ask. Only
+// entries that need no object can be reached then.
 constexpr netbuf_imp::operations no_table() {
   netbuf_imp::operations table{};
   table.init_default = missing;
@@ -74,12 +75,13 @@ netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
                                        : g_operations.create_range(other.object_, offset, length)) {
 }
 
-// The new content is there before the old one goes, so that a failure leaves the old one.
+// The new content is there before the old one goes, so that a failure leaves the old one, and a
+// buffer may be assigned to itself.
 netbuf& netbuf::operator=(const netbuf& other) {
-  if (this != &other) *this = netbuf(other);
-  return *this;
+  return *this = netbuf(other);
 }
 
+// Taken by way of a third, so that moving a buffer onto itself keeps it.
 netbuf& netbuf::operator=(netbuf&& other) noexcept {
   netbuf taken(std::move(other));
   std::swap(object_, taken.object_);
@@ -90,6 +92,7 @@ netbuf::~netbuf() {
   if (object_ != nullptr) g_operations.destroy(object_);
 }
 
+// A move must not fail, so the buffer that it leaves gets its object only when it needs one.
 void* netbuf::object() {
   if (object_ == nullptr) object_ = g_operations.create();
   return object_;
@@ -105,7 +108,7 @@ void netbuf::append(const netbuf& other) {
 
 void netbuf::append(const std::string& s) {
   char* added = allocate_back(netbuf_imp::checked_length(s.size()));
-  if (added != nullptr) std::memcpy(added, s.data(), s.size());
+  if (added != nullptr) s.copy(added, s.size());
 }
 
 char* netbuf::allocate_back(std::int32_t n) {

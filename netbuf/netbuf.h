@@ -15,8 +15,8 @@
 /// The class is a thin handle: one pointer to an object that only the operation table knows
 /// (netbuf/operations.h). The table is process-wide, a host's or the built-in one
 /// (netbuf/netbuf_imp.h); it must be installed and initialised, on the main thread, before the
-/// first `netbuf` is made. `muro::init` does both. Making a buffer before a table is installed
-/// throws `std::logic_error` "netbuf: no operation table is installed".
+/// first `netbuf` is made. `muro::init` does both. Making a buffer, or initialising, before a table
+/// is installed throws `std::logic_error` "netbuf: no operation table is installed".
 ///
 /// Sizes, counts and offsets are signed 32-bit; 0x7fffffff means "everything". A change that would
 /// make a buffer longer than 0x7fffffff bytes throws `std::length_error` "netbuf: too long";
@@ -68,6 +68,8 @@ class netbuf {
   /// Lets the current content go and shares the whole of `other`'s. Assigning a buffer to itself
   /// changes nothing.
   netbuf& operator=(const netbuf& other);
+
+  /// Lets the current content go and takes `other`'s over, as the constructor does.
   netbuf& operator=(netbuf&& other) noexcept;
 
   ~netbuf();

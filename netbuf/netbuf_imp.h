@@ -43,26 +43,28 @@ extern bool netbuf_memchecker;
 class cache_mem {
  public:
   static constexpr std::size_t link_size = 8;
-  /// What an item takes beyond the chunk's memory.
+  /// What an item takes beyond the chunk's memory: the link and four bytes that nothing uses.
   static constexpr std::size_t overhead = 12;
 
+  /// The item whose memory this is, and the other way round.
   static cache_mem* of(char* memory) { return reinterpret_cast<cache_mem*>(memory - link_size); }
   char* memory() { return reinterpret_cast<char*>(this) + link_size; }
 
   cache_mem* next() const {
     cache_mem* item;
-    std::memcpy(&item, link_, sizeof item);
+    std::memcpy(&item, link_, link_size);
     return item;
   }
-  void set_next(cache_mem* item) { std::memcpy(link_, &item, sizeof item); }
+  void set_next(cache_mem* item) { std::memcpy(link_, &item, link_size); }
 
+  /// The memory of a batch, from the general allocator.
   static cache_mem* allocate(std::size_t bytes);
   static void deallocate(cache_mem* batch);
 
  private:
   unsigned char link_[link_size];
 };
-static_assert(alignof(cache_mem) == 1 && sizeof(cache_mem*) <= cache_mem::link_size);
+static_assert(alignof(cache_mem) == 1 && sizeof(void*) == cache_mem::link_size);
 
 using memory_cache = muro::simple_item_cache<cache_mem>;
 
@@ -81,8 +83,9 @@ class chunk {
   chunk(const chunk&) = delete;
   chunk& operator=(const chunk&) = delete;
 
+  /// One reference more; the caller has one already.
   void inc() noexcept { references_.fetch_add(1); }
-  /// Whether this was the last reference.
+  /// One reference less. Returns whether it was the last: then the caller deletes the chunk.
   bool dec() noexcept { return references_.fetch_sub(1) == 1; }
   std::int32_t references() const noexcept { return references_.load(); }
 
@@ -98,7 +101,8 @@ class chunk {
   std::int32_t capacity_;
 };
 
-/// A chunk that owns its memory.
+/// A chunk that owns its memory: an item of the first size class that holds it, or a piece of the
+/// general allocator's of the exact size. Its end gives the memory back to where it came from.
 class nchunk final : public chunk {
  public:
   /// Memory for at least `n` bytes, `n` above 0. Throws `std::bad_alloc`.
@@ -121,7 +125,8 @@ class nchunk final : public chunk {
   memory_cache* cache_;
 };
 
-/// A chunk over memory that a caller supplied.
+/// A chunk over memory that a caller supplied. The memory must stay until the release function has
+/// been called, on whichever thread gives up the last reference.
 class cchunk final : public chunk {
  public:
   /// Calls `release` with `context` at its end, unless it is null.
@@ -174,13 +179,14 @@ class view {
   std::int32_t offset() const noexcept { return offset_; }
   const chunk* get_chunk() const noexcept { return chunk_; }
 
-  /// The bytes free behind and before the view's range; 0 when the chunk may not be written.
+  /// The bytes free behind and before the view's range, into which it may grow; 0 when the chunk
+  /// may not be written.
   std::int32_t room_behind() const {
     return chunk_->writable() ? chunk_->capacity() - offset_ - length_ : 0;
   }
   std::int32_t room_before() const { return chunk_->writable() ? offset_ : 0; }
 
-  /// Lengthens the view into the room at that end; the address of the bytes that came in.
+  /// Lengthens the view by `n` bytes of the room at that end; the address of those bytes.
   char* grow(std::int32_t n, end where) noexcept {
     if (where == end::front) offset_ -= n;
     length_ += n;

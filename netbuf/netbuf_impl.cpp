@@ -8,6 +8,8 @@
 namespace netbuf_imp {
 namespace {
 
+// The entries: each turns the table's untyped objects into buffers and calls the operation.
+
 buffer& of(void* self) {
   return *static_cast<buffer*>(self);
 }
@@ -92,36 +94,32 @@ void* block_try_allocate(std::int32_t size) {
   }
 }
 
-// state[0] is the buffer, state[1] the number of the view.
-const buffer& buffer_of(const iterator& position) {
-  return of(position.state[0]);
-}
-std::size_t index_of(const iterator& position) {
-  return reinterpret_cast<std::size_t>(position.state[1]);
+// A position is the number of a view.
+const buffer& buffer_of(const iterator& at) {
+  return of(at.buffer);
 }
 
-void iterator_begin(const void* self, iterator* position) {
-  *position = {{const_cast<void*>(self), nullptr, nullptr, nullptr}};
+void iterator_begin(const void* self, iterator* at) {
+  *at = {self, 0, {}};
 }
 void iterator_copy(const iterator* from, iterator* to) {
   *to = *from;
 }
-bool iterator_valid(const iterator* position) {
-  return index_of(*position) < buffer_of(*position).view_count();
+bool iterator_valid(const iterator* at) {
+  return at->position < buffer_of(*at).view_count();
 }
-const char* iterator_current(const iterator* position, std::int32_t* length) {
+void iterator_next(iterator* at) {
+  if (iterator_valid(at)) ++at->position;
+}
+const char* iterator_current(const iterator* at, std::int32_t* length) {
   *length = 0;
-  if (!iterator_valid(position)) return nullptr;
-  const view& current = buffer_of(*position).view_at(index_of(*position));
+  if (!iterator_valid(at)) return nullptr;
+  const view& current = buffer_of(*at).view_at(at->position);
   *length = current.length();
   return current.data();
 }
-void iterator_next(iterator* position) {
-  if (iterator_valid(position)) {
-    position->state[1] = reinterpret_cast<void*>(index_of(*position) + 1);
-  }
-}
 
+// Field by field, so that an entry cannot slip into its neighbour's place unseen.
 constexpr operations built_in() {
   operations table{};
   table.init_default = init_default;

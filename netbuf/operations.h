@@ -5,8 +5,8 @@
 ///
 /// The table is an array of 29 pointers; `operations` is that array with a type for each entry, so
 /// that it can be written and called without casts (`netbuf::install(table)` takes it as it is).
-/// For a host in C: the enumerations are `int32_t`, `bool` is `_Bool`, `iterator` is a record of
-/// four pointers, and the calling convention is the platform's.
+/// For a host in C: the enumerations are `int32_t`, `bool` is `_Bool`, a null `release` is
+/// allowed where one is taken, and the calling convention is the platform's.
 ///
 /// Common to all entries:
 /// - `self` and `other` are the implementation's own objects, as its entries 2 and 3 returned them;
@@ -31,11 +31,13 @@ enum class end : std::int32_t { front = 0, back = 1 };
 enum class after_copy : std::int32_t { keep = 0, remove = 1 };
 enum class memory_rights : std::int32_t { writable = 0, read_only = 1 };
 
-/// A position among the stretches of contiguous memory that a buffer consists of. Memory of the
+/// A position among the stretches of contiguous memory that a buffer consists of: a record of the
 /// caller's that an implementation uses as it likes; nothing has to be released. Any change of the
 /// buffer, a pull-up included, makes it invalid.
 struct iterator {
-  void* state[4];
+  const void* buffer;
+  std::uintptr_t position;
+  std::uintptr_t reserved[2];
 };
 
 /// Called with its context when the last buffer that looks at the caller's memory lets it go, on

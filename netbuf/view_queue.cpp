@@ -2,6 +2,7 @@
 
 namespace netbuf_imp {
 
+// The views come to stand at the beginning of the new ring, in order.
 void view_queue::enlarge(std::size_t wanted) {
   std::size_t capacity = capacity_;
   while (capacity < wanted) capacity *= 2;

@@ -27,8 +27,10 @@ class view_queue {
   std::size_t size() const noexcept { return count_; }
   bool empty() const noexcept { return count_ == 0; }
 
+  /// The view with that number from the front, which must be there.
   view& operator[](std::size_t i) noexcept { return *slot(i); }
   const view& operator[](std::size_t i) const noexcept { return *slot(i); }
+  /// The view at that end of a queue that is not empty.
   view& at(end where) noexcept { return *slot(where == end::front ? 0 : count_ - 1); }
 
   /// Sees to it that `more` views can be added. Throws `std::bad_alloc` and changes nothing when
@@ -37,12 +39,14 @@ class view_queue {
     if (more > capacity_ - count_) enlarge(count_ + more);
   }
 
+  /// Adds a view where room was made.
   void push(view&& added, end where) noexcept {
     if (where == end::front) head_ = (head_ - 1) & (capacity_ - 1);
     ++count_;
     new (&at(where)) view(std::move(added));
   }
 
+  /// Removes the view at that end and gives up its reference.
   void pop(end where) noexcept {
     at(where).~view();
     if (where == end::front) head_ = (head_ + 1) & (capacity_ - 1);

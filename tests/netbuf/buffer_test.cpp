@@ -253,6 +253,14 @@ TEST_F(buffers, pull_up_of_content_within_the_limit_makes_one_chunk) {
   }
 }
 
+TEST_F(buffers, pull_up_of_content_of_exactly_the_limit_takes_long_views_too) {
+  buffer a;
+  fill(a, {"a", "bcdefgh", "i"});
+  std::int32_t length = 0;
+  a.pull_up(9, &length);
+  EXPECT_EQ(lengths(a), std::vector<std::int32_t>{9});
+}
+
 TEST_F(buffers, pull_up_makes_a_chunk_of_exactly_the_total) {
   buffer a;
   fill(a, {std::string(70000, 'a'), std::string(1234, 'b')});
