@@ -29,6 +29,7 @@ void register_session(const muro::fmt_dbg& log, const std::string& restore_file)
     log.fmt_verbose("Korvel executable not found");
     return;
   }
+  // An argument without an ID fails in the move, which touches nothing then.
   const nil_string restore_id = restoreIDFromFile(restore_file);
   const nil_string moved = moveRestoreFileIfNeeded(restore_file, restore_id);
   if (!moved) {
@@ -47,6 +48,7 @@ void resign_session(const muro::fmt_dbg& log, const std::string& restore_file,
     log.fmt_verbose("Failed to uninstall agent for %1%", restore_file);
     return;
   }
+  // Never for the shared helper: its own ID is empty, and the empty ID has failed above.
   if (own_restore_id == restore_id) uninstallServiceRemove(restore_id);
 }
 
@@ -54,6 +56,7 @@ void execute(const muro::fmt_dbg& log, const std::string& request,
              const std::string& own_restore_id) {
   const platform::autorelease_pool pool;
   const command taken = take_command(request);
+  // Any other command is ignored: an older helper must bear a newer client.
   if (taken.name == "rnr_register") register_session(log, taken.argument);
   if (taken.name == "rnr_resign") resign_session(log, taken.argument, own_restore_id);
 }

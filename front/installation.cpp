@@ -32,6 +32,7 @@ std::string agent_label(const std::string& restore_id) {
   return session_label(kVeskRNRAgentName, restore_id);
 }
 
+// Launchd's tools report nothing that could be trusted; the job file is the one witness.
 bool daemon_file_exists(const std::string& label) {
   return muro::file_exists(osx::launchd_daemon_path(label));
 }
@@ -53,6 +54,7 @@ std::optional<std::vector<std::string>> fill_session_folder(const std::string& e
     log.fmt_verbose("Failed to move restore file");
     return std::nullopt;
   }
+  // The path is asked for before the executable moves away from it.
   const nil_string helper = moveHelper(muro::get_exe_path(), restore_id);
   if (!helper) return std::nullopt;
   const nil_string bundle = moveAppBundle(exe_path, restore_id);
@@ -78,6 +80,7 @@ void delete_session_folder(const std::string& restore_id) {
 bool installServiceNoInstant() {
   const muro::fmt_dbg log("installServiceNoInstant");
   try {
+    // The shared daemon stays where the installer put it; nothing is copied.
     return install_daemon(kVeskRNRServiceName, {muro::get_exe_path()});
   } catch (const muro::exception& e) {
     log.fmt_verbose("Failed to install daemon: %1%", e.what());
@@ -97,6 +100,7 @@ bool installService(const nil_string& exe_path, const nil_string& restore_file,
   }
   const auto arguments = fill_session_folder(*exe_path, *restore_file, restore_id, log);
   if (!arguments) return false;
+  // A filled folder means that the ID names a session, so it is there.
   try {
     return install_daemon(daemon_label(*restore_id), *arguments);
   } catch (const muro::exception& e) {
@@ -148,7 +152,7 @@ void uninstallServiceRemove(const nil_string& restore_id) {
     // very process, which then ends with nothing left that would start it again.
     muro::delete_file(osx::launchd_daemon_path(daemon_label(*restore_id)));
     delete_session_folder(*restore_id);
-    uninstallService(restore_id);
+    uninstallService(restore_id);  // its result changes nothing any more
   } catch (...) {
     const std::string error = muro::system_error_string();  // before anything changes errno
     log.fmt_verbose("Failed to remove launchd daemon plist: %1%", error);

@@ -71,6 +71,7 @@ int run_role(const start_options& options) {
 }
 
 int run_self_test() {
+  // Deliberate: no failure here is logged or counts; the steps below have their own.
   try {
     muro::delete_recursive(kTestSessionFolder);
   } catch (...) {
@@ -110,6 +111,7 @@ int install_session_daemon(const start_options& options, const nil_string& resto
 
 int serve_session(const start_options& options, const nil_string& restore_id, main_loop loop) {
   const muro::fmt_dbg log(kLogName);
+  // Deliberate: serves whatever becomes of the agent; the client can still register and resign.
   if (!agentInstalled(restore_id) &&
       !installAgent(restore_id, options.exe_path, options.restore_file))
     log.fmt_verbose("Install agent failed");
@@ -119,11 +121,13 @@ int serve_session(const start_options& options, const nil_string& restore_id, ma
 void refuse_restore_file() {
   const muro::fmt_dbg log(kLogName);
   log.fmt_verbose("Invalid restore file, should remove self");
+  // Deliberate: at once. The log's thread may be writing; what it uses is never destroyed.
   std::exit(kInvalidRestoreFile);
 }
 
 int serve(const nil_string& restore_id, main_loop loop) {
   const std::string own_id = restore_id.value_or("");
+  // Opened before the loop and closed after it: no request meets half a helper.
   const ipc_communicator handler(endpoint_name(own_id), own_id);
   loop();
   return EXIT_SUCCESS;

@@ -18,6 +18,8 @@ constexpr const char* kTestFile = "/tmp/test1245.dat";
 constexpr const char* kClientBundle = "/Applications/Korvel.app";
 constexpr unsigned long long kWhileInstalled_us = 10'000'000;
 
+// Between this look and the opening a link could still appear; the test is run by hand, on a
+// machine under test.
 bool is_link(const char* path) {
   struct stat status;
   return ::lstat(path, &status) == 0 && S_ISLNK(status.st_mode);

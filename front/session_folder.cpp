@@ -17,15 +17,18 @@ const char* text_of(const nil_string& text) {
   return text ? text->c_str() : nullptr;
 }
 
+// The one door to a session's folder: nothing is made for an ID that names no session.
 bool create_in_session(const nil_string& restore_id, const std::string& below) {
   return namesSession(restore_id) &&
          createFolder(sessionFolder(*restore_id) + below, kSessionPermissions);
 }
 
+// Follows a link, as the system's file manager does.
 platform::file_outcome open_to_all(const std::string& item) {
   return platform::set_attributes(item, kSessionPermissions, kOwner, kGroup);
 }
 
+// Deliberate: the messages differ in case and punctuation from the others, and from each other.
 void open_bundle_to_all(const muro::fmt_dbg& log, const std::string& bundle) {
   const platform::file_outcome outcome = open_to_all(bundle);
   if (!outcome.ok) log.fmt_verbose("failed to set permission %1%", text_of(outcome.description));
@@ -51,6 +54,7 @@ std::string sessionFolder(const std::string& restore_id) {
 nil_string restoreIDFromFile(const nil_string& path) {
   if (!path) return std::nullopt;
   std::string name = muro::basename(*path);
+  // Deliberate: every ".dat" goes, in the middle of the name too.
   if (!ends_with(name, kSuffix) || !replace_all(name, kSuffix, "")) return std::nullopt;
   return name;
 }
