@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,7 +21,9 @@
 #include "muro/sys/files.h"
 #include "muro/sys/files_internal.h"
 #include "muro/sys/thread.h"
+#include "muro/sys/thread_internal.h"
 #include "muro/sys/time.h"
+#include "muro/sys/time_internal.h"
 #include "muro/sys/xfile.h"
 #include "netbuf/netbuf.h"
 #include "netbuf/netbuf_imp.h"
@@ -303,6 +306,42 @@ TEST_F(init_test, seeds_the_calling_thread) {
     muro::detail::g_seed_calls.srandom = [](unsigned) { ++seedings; };
     muro::init start;
     CHECK_THAT(seedings == 1);
+  };
+  EXPECT_IN_OWN_PROCESS(story(), "");
+}
+
+TEST_F(init_test, reads_the_time_zone) {
+  const auto story = [] {
+    ::setenv("TZ", "XYZ-3", 1);
+    muro::init start;
+    CHECK_THAT(std::string(::tzname[0]) == "XYZ");
+  };
+  EXPECT_IN_OWN_PROCESS(story(), "");
+}
+
+TEST_F(init_test, starts_the_clock) {
+  const auto story = [] {
+    static int readings = 0;
+    muro::detail::g_tick_source = []() -> clock_t { return ++readings; };
+    muro::init start;
+    CHECK_THAT(readings == 1);
+  };
+  EXPECT_IN_OWN_PROCESS(story(), "");
+}
+
+TEST_F(init_test, makes_the_task_lock) {
+  const auto story = [] {
+    static int mutexes = 0;
+    muro::detail::g_thread_calls.mutex_init = [](pthread_mutex_t* mutex,
+                                                 const pthread_mutexattr_t* attribute) {
+      ++mutexes;
+      return ::pthread_mutex_init(mutex, attribute);
+    };
+    muro::detail::g_before_start_step = [](const char* name) {
+      if (std::strcmp(name, "task_lock") == 0) mutexes = 0;
+      if (std::strcmp(name, "init_rand") == 0) CHECK_THAT(mutexes == 1);
+    };
+    muro::init start;
   };
   EXPECT_IN_OWN_PROCESS(story(), "");
 }
