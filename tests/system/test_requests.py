@@ -158,9 +158,11 @@ class Resign(SystemCase):
         self.serve()
         self.register("abc")
         self.register("def")
+        self.mac.write(korvel.daemon_path("abc"), "")
         self.ask_well(RESIGN, ABC)
         self.assert_gone(korvel.agent_path("abc"))
-        self.assert_exists(korvel.restore_path("abc"), korvel.agent_path("def"))
+        self.assert_exists(korvel.restore_path("abc"), korvel.daemon_path("abc"),
+                           korvel.agent_path("def"))
         self.assert_log(..., f"launchd_agent_uninstall: stopping {korvel.agent_path('abc')}...")
 
     def test_ends_the_agent_in_the_session_of_the_user(self):
@@ -192,9 +194,10 @@ class Resign(SystemCase):
 
     def test_of_another_session_leaves_the_own_one(self):
         self.own_session()
+        self.mac.write(korvel.daemon_path("def"), "")
         self.ask_well(RESIGN, "/Users/alice/def.dat", "abc")
         self.assert_exists(korvel.agent_path("abc"), korvel.daemon_path("abc"),
-                           korvel.restore_path("abc"))
+                           korvel.restore_path("abc"), korvel.daemon_path("def"))
 
     def test_that_cannot_remove_the_agent_leaves_the_own_daemon(self):
         path = self.own_session()
