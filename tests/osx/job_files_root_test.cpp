@@ -9,6 +9,7 @@
 #include "netbuf/netbuf_imp.h"
 #include "tests/osx/mac.h"
 #include "tests/osx/run_tool.h"
+#include "tests/osx/system_calls.h"
 
 namespace {
 
@@ -199,9 +200,19 @@ TEST_F(job_files, no_umask_makes_a_new_file_writable_by_others_at_any_instant) {
 TEST_F(job_files, an_existing_file_is_closed_to_others_before_it_is_written) {
   test::write_file(kAgentPath, "");
   ASSERT_EQ(::chmod(kAgentPath, 0666), 0);
+  ASSERT_EQ(::chown(kAgentPath, has_users() ? 501 : 0, 20), 0);
   const full_disk full;
   EXPECT_FALSE(osx::launchd_agent_install_only(kLabel, kArgs));
   EXPECT_EQ(rights_of(kAgentPath), kJobFile);
+}
+
+TEST_F(job_files, get_their_mode_and_then_their_owner_once_they_are_written) {
+  test::system_calls calls;
+  test::watched = &calls;
+  osx::launchd_agent_install_only(kLabel, kArgs);
+  osx::launchd_daemon_install(kLabel, kArgs);
+  test::watched = nullptr;
+  EXPECT_EQ(calls.named, (lines{"chmod 644", "chown 0 0", "chmod 644", "chown 0 0"}));
 }
 
 TEST_F(job_files, an_agents_file_that_cannot_be_written_is_told) {

@@ -102,6 +102,11 @@ TEST_F(launchd_socket, header_and_body_leave_in_one_call_without_control_data) {
   EXPECT_FALSE(watched_.sent_control);
 }
 
+TEST_F(launchd_socket, the_exchange_blocks_and_no_program_inherits_its_socket) {
+  exchange("request");
+  EXPECT_TRUE(watched_.sent_on_plain_socket);
+}
+
 TEST_F(launchd_socket, the_path_is_logged) {
   exchange("request");
   EXPECT_EQ(done(), (lines{"log send_to_sock: rpc to " + path_}));
@@ -196,6 +201,7 @@ TEST_F(launchd_socket, a_reply_that_never_ends_is_bad_at_16_mib) {
 
 TEST_F(launchd_socket, a_peer_that_closes_without_an_answer_is_a_failure_to_receive) {
   launchd_->close_without_reply();
+  watched_.errno_after_success = EXDEV;
   EXPECT_EQ(failure(), kEnd);
 }
 

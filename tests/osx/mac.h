@@ -134,12 +134,15 @@ class mac : public ::testing::Test {
                    version + "</string></dict></plist>\n");
   }
 
-  /// Adds a login record. `user` and `line` fill their fields to the last byte if long enough.
+  /// Adds a login record. `user` and `line` fill their fields to the last byte if long enough, and
+  /// the fields behind them hold text of their own.
   static void add_login(pid_t pid, const std::string& user, const std::string& line = "console",
                         short type = USER_PROCESS) {
     utmpx record{};
     record.ut_type = type;
     record.ut_pid = pid;
+    std::memcpy(record.ut_id, "id", 2);
+    std::memcpy(record.ut_host, "host", 4);
     std::memcpy(record.ut_user, user.data(), std::min(user.size(), sizeof record.ut_user));
     std::memcpy(record.ut_line, line.data(), std::min(line.size(), sizeof record.ut_line));
     std::ofstream("/var/run/utmp", std::ios::binary | std::ios::app)

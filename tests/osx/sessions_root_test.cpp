@@ -2,6 +2,7 @@
 
 #include "muro/core/exception.h"
 #include "tests/osx/mac.h"
+#include "tests/osx/system_calls.h"
 
 namespace {
 
@@ -145,6 +146,14 @@ TEST_F(sessions, reading_starts_where_the_cursor_stands_and_rewinds_afterwards) 
   ASSERT_NE(::getutxent(), nullptr);
   EXPECT_EQ(get_sessions_v2(), (session_map{{101, "bob"}}));
   EXPECT_EQ(get_sessions_v2().size(), 2u);
+}
+
+TEST_F(sessions, the_records_are_rewound_and_closed_in_this_order) {
+  test::system_calls calls;
+  test::watched = &calls;
+  get_sessions_v2();
+  test::watched = nullptr;
+  EXPECT_EQ(calls.named, (lines{"setutxent", "endutxent"}));
 }
 
 TEST_F(sessions, reading_logs_nothing) {

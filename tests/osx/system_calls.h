@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <string>
 #include <vector>
 
 namespace test {
@@ -15,8 +16,8 @@ struct system_calls {
   int pipe_error = 0;
   int socket_error = 0;
   int sendmsg_error = 0;
-  /// Not 0: what a `seteuid` that succeeds leaves in errno.
-  int seteuid_errno = 0;
+  /// Not 0: what a `seteuid` or `sendmsg` that succeeds leaves in errno.
+  int errno_after_success = 0;
 
   /// The address length of every `connect`.
   std::vector<socklen_t> connect_lengths;
@@ -26,6 +27,10 @@ struct system_calls {
   std::vector<std::vector<std::size_t>> sent;
   /// Whether any of these had a control buffer.
   bool sent_control = false;
+  /// Whether every `sendmsg` was on a descriptor that blocks and is closed on exec.
+  bool sent_on_plain_socket = true;
+  /// The calls that change a file's rights or rewind the login records, in order, by name.
+  std::vector<std::string> named;
   /// The room of every `recvmsg`.
   std::vector<std::size_t> received_into;
 };

@@ -1,10 +1,14 @@
 #include "tests/osx/system_calls.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utmpx.h>
 
 #include <cerrno>
+#include <cstdio>
 
 namespace test {
 
@@ -24,6 +28,16 @@ bool fails_with(int error) {
   return error != 0;
 }
 
+void spoil_errno() {
+  if (test::watched != nullptr && test::watched->errno_after_success != 0) {
+    errno = test::watched->errno_after_success;
+  }
+}
+
+void note(const std::string& call) {
+  if (test::watched != nullptr) test::watched->named.push_back(call);
+}
+
 std::vector<std::size_t> lengths_of(const msghdr& message) {
   std::vector<std::size_t> lengths;
   for (std::size_t i = 0; i < message.msg_iovlen; ++i) {
@@ -40,9 +54,7 @@ extern "C" {
 int seteuid(uid_t uid) noexcept {
   static const auto real = reinterpret_cast<int (*)(uid_t)>(::dlsym(RTLD_NEXT, "seteuid"));
   const int result = real(uid);
-  if (test::watched != nullptr && test::watched->seteuid_errno != 0) {
-    errno = test::watched->seteuid_errno;
-  }
+  spoil_errno();
   return result;
 }
 
@@ -70,7 +82,37 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     test::watched->sent_control |= message->msg_control != nullptr || message->msg_controllen != 0;
     if (fails_with(test::watched->sendmsg_error)) return -1;
   }
-  return ask_kernel(SYS_sendmsg, fd, message, flags);
+  if (test::watched != nullptr) {
+    test::watched->sent_on_plain_socket &=
+        ::fcntl(fd, F_GETFD) == FD_CLOEXEC && (::fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+  }
+  const ssize_t sent = ask_kernel(SYS_sendmsg, fd, message, flags);
+  spoil_errno();
+  return sent;
+}
+
+int chmod(const char* path, mode_t mode) noexcept {
+  char text[32];
+  std::snprintf(text, sizeof text, "chmod %o", mode);
+  note(text);
+  return static_cast<int>(ask_kernel(SYS_chmod, path, mode));
+}
+
+int chown(const char* path, uid_t owner, gid_t group) noexcept {
+  note("chown " + std::to_string(owner) + " " + std::to_string(group));
+  return static_cast<int>(ask_kernel(SYS_chown, path, owner, group));
+}
+
+void setutxent() {
+  note("setutxent");
+  static const auto real = reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "setutxent"));
+  real();
+}
+
+void endutxent() {
+  note("endutxent");
+  static const auto real = reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "endutxent"));
+  real();
 }
 
 ssize_t recvmsg(int fd, msghdr* message, int flags) {

@@ -52,7 +52,7 @@ TEST_F(user_switch, ends_when_an_exception_leaves_it) {
 
 TEST_F(user_switch, keeps_errno_on_the_way_back) {
   test::system_calls calls;
-  calls.seteuid_errno = ENOTTY;
+  calls.errno_after_success = ENOTTY;
   test::watched = &calls;
   {
     const muro::user_switch as_user(0, "test");
