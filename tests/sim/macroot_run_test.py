@@ -76,9 +76,9 @@ class TheTree(unittest.TestCase):
         self.assertEqual(inside("ulimit -n"), "256")
 
     def test_machine_is_out_of_sight(self):
-        shown = inside("ls -A / /tmp /Users /var/log /root 2>&1 || true; hostname; cat /etc/passwd",
+        shown = inside("ls -A / /tmp /Users /var/log /root 2>&1 || true; cat /etc/passwd",
                        "--source", "/usr", "--build", "/usr")
-        for word in ("old_root", ".machine", "lost+found", "boot", os.uname().nodename):
+        for word in ("old_root", ".machine", "lost+found", "boot", "home", "root"):
             self.assertNotIn(f"\n{word}\n", f"\n{shown}\n")
         self.assertEqual(len([l for l in shown.splitlines() if l.count(":") == 6]), 5)
 

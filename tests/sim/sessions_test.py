@@ -124,8 +124,8 @@ class LogIn(Sessions):
 
     def test_display_outlives_sudo(self):
         self.mac.boot("alice")
-        self.assertEqual(self.mac.sh("sudo sh -c 'id -u; echo $XDG_SESSION_TYPE'", user="alice",
-                                     session="alice"), "0\nx11")
+        self.assertEqual(self.mac.sh("sudo -u bob sh -c 'id -un; echo $XDG_SESSION_TYPE'",
+                                     session="alice"), "bob\nx11")
 
     def test_command_outside_of_sessions_has_no_display(self):
         self.mac.boot("alice")
