@@ -11,9 +11,6 @@
 namespace macroot {
 namespace {
 
-static_assert(SIGHUP == 1 && SIGINT == 2 && SIGQUIT == 3 && SIGUSR1 == 10 && SIGUSR2 == 12 &&
-              SIGTERM == 15);
-
 sigset_t watched_signals() {
   sigset_t set;
   ::sigemptyset(&set);

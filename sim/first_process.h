@@ -2,6 +2,8 @@
 
 /// Process 1 of a root that runs a command: starts it, reaps what is orphaned, ends with it.
 
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -19,6 +21,6 @@ namespace macroot {
 [[noreturn]] void run_as_init(const run_options& options, const std::string& mode);
 
 /// The signals that are passed on.
-inline constexpr int kPassedSignals[] = {1, 2, 3, 10, 12, 15};
+inline constexpr int kPassedSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGTERM};
 
 }  // namespace macroot

@@ -43,11 +43,3 @@ def log_out(pid):
         fields = RECORD.unpack_from(data, offset)
         if fields[0] == USER_PROCESS and fields[1] == pid:
             _write_at(offset, _record(DEAD_PROCESS, pid, CONSOLE, b""))
-
-
-def console_logins():
-    """Pairs of process id and user name, as a reader of the records sees them."""
-    with open(FILE, "rb") as file:
-        records = RECORD.iter_unpack(file.read())
-    return [(fields[1], fields[4].rstrip(b"\0").decode()) for fields in records
-            if fields[0] == USER_PROCESS and fields[2].rstrip(b"\0") == CONSOLE]
