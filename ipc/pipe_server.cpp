@@ -30,7 +30,7 @@ struct direct_transfer {
 
 /// How long the thread rests after a failure that would only come again.
 constexpr int kRest_ms = 100;
-constexpr unsigned long long kRest_us = kRest_ms * 1000;
+constexpr unsigned long long kRest_us = 1000ULL * kRest_ms;
 
 /// The failures of accept(2) that say nothing about the next call: no client any more, or a signal.
 bool accept_may_be_repeated() {
