@@ -179,7 +179,6 @@ void child_plan::close_others() const noexcept {
   int first = 0;
   for (const int fd : open_) {
     if (fd > first) platform::close_descriptors(first, fd - 1);
-    if (fd == INT_MAX) return;
     first = std::max(first, fd + 1);
   }
   platform::close_descriptors(first, INT_MAX);

@@ -10,6 +10,7 @@
 
 #include "ipc/endpoint.h"
 #include "muro/core/exception.h"
+#include "muro/sys/thread_internal.h"
 #include "tests/ipc/recorder.h"
 #include "tests/support/broken_pipes.h"
 #include "tests/support/descriptors.h"
@@ -247,6 +248,17 @@ TEST_F(server, without_a_stop_pipe_throws_and_leaves_the_socket_to_its_maker) {
     EXPECT_EQ(e.description(),
               ":Error from 'pipe' (called in 'pipe_server'): 24, Too many open files");
   }
+  EXPECT_TRUE(test::is_open(listening.get()));
+}
+
+TEST_F(server, without_a_thread_throws_and_leaves_the_socket_to_its_maker) {
+  const test::log_lines unwanted;
+  const muro::unique_fd listening(listen_at(path_));
+  auto& create = muro::detail::g_thread_calls.create;
+  const auto original = create.load();
+  create = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) { return EAGAIN; };
+  EXPECT_THROW(pipe_server(listening.get(), &endpoint_), muro::exception);
+  create = original;
   EXPECT_TRUE(test::is_open(listening.get()));
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -196,14 +197,21 @@ TEST_F(make_socket, socket_function_may_make_a_socket_itself) {
   ::close(fd);
 }
 
-TEST_F(make_socket, threads_do_not_set_aside_each_others_descriptors) {
+TEST_F(make_socket, one_retry_loop_runs_at_a_time) {
+  static std::atomic<int> inside{0};
+  const auto alone = [](int d, int t, int p) {
+    EXPECT_EQ(++inside, 1);
+    std::this_thread::yield();
+    --inside;
+    return ::socket(d, t, p);
+  };
   const int next = test::lowest_free();
   reserve({next});
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([next] {
-      for (int n = 0; n < 100; ++n) {
-        const int fd = muro::make_socket(AF_UNIX, SOCK_STREAM, 0, nullptr, nullptr);
+    threads.emplace_back([&] {
+      for (int n = 0; n < 200; ++n) {
+        const int fd = muro::make_socket(AF_UNIX, SOCK_STREAM, 0, alone, nullptr);
         EXPECT_NE(fd, next);
         EXPECT_EQ(::close(fd), 0);
       }

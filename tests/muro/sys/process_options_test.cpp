@@ -314,14 +314,14 @@ TEST_F(process_folders, folder_that_cannot_be_entered_ends_the_child_by_sigkill)
 TEST_F(process_folders, relative_program_from_a_folder_that_is_gone_is_not_run) {
   EXPECT_TRUE(test::holds_in_a_fork([&] {
     const std::string gone = folder_ + "/gone";
-    const std::string work = folder_;  // "prog" would be found there
+    const std::string work = folder_;  // the program would be found there
     if (::mkdir(gone.c_str(), 0700) != 0 || ::chdir(gone.c_str()) != 0 ||
         ::rmdir(gone.c_str()) != 0)
       return false;
     process p;
     process::options options;
     options.working_folder = &work;
-    p.init_("prog", {"arguments"}, options);
+    p.init_("./prog", {"arguments"}, options);
     return test::eventually([&] { return p.done(); }) && p.exit_code() == -9;
   }));
 }

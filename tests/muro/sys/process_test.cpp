@@ -193,7 +193,11 @@ TEST_F(process_test, killing_waits_on_after_a_signal) {
 }
 
 TEST_F(process_test, destroying_kills_the_child_and_keeps_errno) {
-  count_kills();
+  process_priv::calls.kill = [](pid_t pid, int signal) {
+    counting_kill(pid, signal);
+    errno = EPERM;
+    return -1;
+  };
   {
     process p(child, {"silent"});
     errno = ENOTTY;
@@ -264,6 +268,18 @@ TEST_F(process_test, read_that_fails_throws) {
   ::close(write_only);
   EXPECT_EQ(failure_of([&] { p.read(nullptr, nullptr, 20); }), ":Error in 'read'");
   EXPECT_EQ(failure_of([&] { p.read(nullptr, nullptr, 0); }), ":Error in 'read'");
+}
+
+TEST_F(process_test, read_from_a_descriptor_that_is_gone_fails_at_once_and_leaves_the_child) {
+  process p(child, {"silent"});
+  const int number = p.stdout_read_end();
+  const int kept = ::dup(number);
+  ::close(number);
+  EXPECT_EQ(failure_of([&] { p.read(nullptr, nullptr, 20); }), ":Error in 'read'");
+  EXPECT_FALSE(p.done());
+  EXPECT_GT(p.pid(), 0);
+  ::dup2(kept, number);
+  ::close(kept);
 }
 
 TEST_F(process_test, read_without_limit_outlives_signals) {
