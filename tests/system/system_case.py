@@ -168,14 +168,14 @@ class SystemCase(unittest.TestCase):
                             what=f"{expected} in {self.programs()[before:]}")
         self.assertEqual(sorted(self.programs()[before:]), sorted(expected))
 
-    def trace(self, *words):
-        """Starts the helper under strace."""
+    def trace(self, *words, **environment):
+        """Starts the helper under strace, with more in its environment."""
         self.mac.put_helper()
         self.mac.write(self.TRACE, "")
         return self.mac.start(
             ["/usr/bin/strace", "-f", "-qq", "-v", "-s", "4096", "-e", "trace=execve",
              "-e", "signal=none", "-o", self.TRACE, korvel.HELPER, *words],
-            env=UNTRACED)
+            env={**UNTRACED, **environment})
 
     def programs(self):
         """The arguments of every program that has run since, in order, the helper's left out."""

@@ -24,6 +24,28 @@ class Demo(unittest.TestCase):
                      "resign", "removal"):
             self.assertIn(name, {s["step"] for s in steps})
 
+    def assert_succeeds(self, release):
+        done = demo("--release", release)
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+
+    def test_release_10_6(self):
+        self.assert_succeeds("10.6")
+
+    def test_release_10_9(self):
+        self.assert_succeeds("10.9")
+
+    def test_release_10_10(self):
+        self.assert_succeeds("10.10")
+
+    def test_release_10_11(self):
+        self.assert_succeeds("10.11")
+
+    def test_release_12(self):
+        self.assert_succeeds("12")
+
+    def test_release_15(self):
+        self.assert_succeeds("15")
+
     def test_a_step_is_one_line_with_its_time(self):
         done = demo("--release", "10.10", "--road", "session")
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
