@@ -85,7 +85,8 @@ class Road:
             session = self.mac.login(USER)
             owner = self.mac.stat("/dev/console")["st_uid"]
             expect(owner == USER_ID, f"/dev/console belongs to {owner}")
-            return f"session {session['session']} (process {session['pid']}), /dev/console of user {owner}"
+            return (f"session {session['session']} (process {session['pid']}),"
+                    f" /dev/console of user {owner}")
         self.step("log-in", f"{USER} to have the console", act)
 
     def restart(self):
@@ -244,7 +245,8 @@ class SessionRoad(Road):
             expect(self.mac.listing(copy) == self.mac.listing(korvel.CLIENT_BUNDLE),
                    f"copied: {self.mac.listing(copy)}")
             items = [copy] + [f"{copy}/{name}" for name in self.mac.listing(copy)]
-            wrong = {i: self.mac.mode_owner(i) for i in items if self.mac.mode_owner(i) != "0777 0:80"}
+            facts = {item: self.mac.mode_owner(item) for item in items}
+            wrong = {item: seen for item, seen in facts.items() if seen != "0777 0:80"}
             expect(not wrong, f"not 0777 root:admin: {wrong}")
             return f"{len(items)} items, all 0777 0:80 (root, admin)"
         self.step("bundle", "a copy of the client, all of it 0777 and of root and admin", act)
@@ -260,7 +262,8 @@ class SessionRoad(Road):
                   act)
 
     def resumed(self):
-        self.step("resume", "the client's copy to be back in the user's session, with its restore file",
+        self.step("resume", "the client's copy to be back in the user's session, with its"
+                            " restore file",
                   lambda: self.check_client(self.AGENT, "gui/501", self.ARGUMENTS, USER_ID))
 
     def forget(self):
@@ -274,18 +277,20 @@ class SessionRoad(Road):
             paths = [korvel.agent_path(SESSION), korvel.daemon_path(SESSION),
                      korvel.session_folder(SESSION)]
             try:
-                self.mac.wait_until(lambda: not any(map(self.mac.exists, paths)), 15)
+                self.mac.wait_until(lambda: not any(map(self.mac.exists, paths)), 30)
             except Exception:
                 raise Unexpected(f"left: {[p for p in paths if self.mac.exists(p)]}") from None
             return "both job files and the session folder are gone"
-        self.step("removal", "the daemon to find no restore file and to remove all that is its own", act)
+        self.step("removal", "the daemon to find no restore file and to remove all that is its own",
+                  act)
 
     def nothing_resumed(self):
         def act():
             for label in (self.LABEL, self.AGENT):
                 self.check_nothing_runs(label)
             expect(not self.mac.clients(self.mark), f"started: {self.mac.clients(self.mark)}")
-            expect(not self.mac.exists(korvel.endpoint_path(SESSION)), "the endpoint is still there")
+            path = korvel.endpoint_path(SESSION)
+            expect(not self.mac.exists(path), f"{path} is still there")
             return "no daemon, no agent, no client, no endpoint"
         self.step("over", "nothing of the session to come back", act)
 

@@ -37,7 +37,8 @@ class Teller:
     def end(self, step):
         mark, code = self.MARKS[step["ok"]]
         clear = "\x1b[2K" if self.on_terminal else ""
-        self._write(f"{clear}{step['time_s']:8.2f} s  {self._color(code, mark)}  {self._text(step)}\n")
+        self._write(f"{clear}{step['time_s']:8.2f} s  {self._color(code, mark)}"
+                    f"  {self._text(step)}\n")
         for name, lines in step.get("log", {}).items():
             self._write(f"{'':12}{name}:\n" + "".join(f"{'':14}{line}\n" for line in lines))
 
@@ -110,8 +111,8 @@ class Story:
         try:
             step.update(ok=True, seen=act())
         except Exception as error:  # pylint: disable=broad-except
-            seen = str(error) if isinstance(error, Unexpected) else f"{type(error).__name__}: {error}"
-            step.update(ok=False, seen=seen, log=self.explain())
+            kind = "" if isinstance(error, Unexpected) else f"{type(error).__name__}: "
+            step.update(ok=False, seen=f"{kind}{error}", log=self.explain())
         step["took_s"] = round(time.monotonic() - begin_s, 3)
         step["time_s"] = round(time.monotonic() - self.begin_s, 3)
         self.steps.append(step)

@@ -16,6 +16,7 @@ from macroot_api import MacFailure  # noqa: E402,F401  (for the tests)
 
 BUILD = pathlib.Path(os.environ.get("KORVEL_BUILD_DIR", SOURCE / "build/debug"))
 PYTHON = "/usr/bin/python3"
+PATIENCE_S = 30     # for what happens beside a test, on a machine that is busy with many
 EMPTY_REPLY = b"\0\0\0\0"
 REFUSED = b""
 
@@ -73,7 +74,7 @@ class SystemCase(unittest.TestCase):
         path = korvel.endpoint_path(session)
         self.mac.wait_until(
             lambda: self.mac.exists(path) and self.mac.stat(path)["st_mode"] & 0o777 == 0o666,
-            what=path)
+            limit_s=PATIENCE_S, what=path)
 
     def assert_serves(self, session=None):
         self.assertEqual(self.ask("rnr_ping", "", session), EMPTY_REPLY)
@@ -119,7 +120,7 @@ class SystemCase(unittest.TestCase):
             lines = [f"{name}: {text}" for name, text in self.mac.log(path)]
             return lines[-len(wanted):] if tail else lines
         try:
-            self.mac.wait_until(lambda: seen() == wanted, limit_s=10)
+            self.mac.wait_until(lambda: seen() == wanted, limit_s=PATIENCE_S)
         except MacFailure:
             self.assertEqual(seen(), wanted)
 
@@ -128,7 +129,7 @@ class SystemCase(unittest.TestCase):
         def lines():
             return [f"{n}: {t}" for n, t in self.mac.log(path)] if self.mac.exists(path) else []
         try:
-            self.mac.wait_until(lambda: line in lines(), limit_s=10)
+            self.mac.wait_until(lambda: line in lines(), limit_s=PATIENCE_S)
         except MacFailure:
             self.assertIn(line, lines())
 
@@ -165,7 +166,7 @@ class SystemCase(unittest.TestCase):
         than its pauses, so the order is not looked at."""
         act()
         self.mac.wait_until(lambda: len(self.programs()) >= before + len(expected),
-                            what=f"{expected} in {self.programs()[before:]}")
+                            limit_s=PATIENCE_S, what=f"{expected} in {self.programs()[before:]}")
         self.assertEqual(sorted(self.programs()[before:]), sorted(expected))
 
     def trace(self, *words, **environment):

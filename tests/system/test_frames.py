@@ -78,7 +78,8 @@ class Frames(SystemCase):
 
     def test_many_clients_at_once_are_served_one_after_the_other(self):
         frame = korvel.frame(korvel.packet("rnr_ping", ""))
-        script = f"for i in $(seq 40); do {self.mac.rnrctl_path} ping > /dev/null || echo bad & done; wait"
+        ping = f"{self.mac.rnrctl_path} ping > /dev/null || echo bad"
+        script = f"for i in $(seq 40); do {ping} & done; wait"
         self.assertEqual(self.mac.sh(script, limit_s=60), "")
         self.assertEqual(self.send(frame), EMPTY_REPLY)
 

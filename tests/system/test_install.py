@@ -53,8 +53,8 @@ class Install(SystemCase):
         self.install()
         self.assertRegex("\n".join(self.mac.messages()),
                          "(?m)^failed to set permissions for Contents/dangling:::.+$")
-        self.assertEqual(self.mac.mode_owner(korvel.session_bundle("abc") + "/Contents/MacOS/korvel"),
-                         "0777 0:80")
+        client = korvel.session_bundle("abc") + "/Contents/MacOS/korvel"
+        self.assertEqual(self.mac.mode_owner(client), "0777 0:80")
 
     def test_an_unknown_group_is_told_for_every_item(self):
         self.mac.sh("grep -v ^admin: /etc/group > /etc/group.new; mv /etc/group.new /etc/group")
@@ -112,7 +112,8 @@ class Install(SystemCase):
         self.mac.put_helper()
         script = (f"import os; path = {korvel.HELPER!r}; f = os.open(path, os.O_RDONLY);"
                   f"os.unlink(path);"
-                  f"os.execve(f, [path, '-restoreFile', {ABC!r}, '-exePath', '/x.app'], os.environ)")
+                  f"words = [path, '-restoreFile', {ABC!r}, '-exePath', '/x.app'];"
+                  f"os.execve(f, words, os.environ)")
         done = self.mac.run([PYTHON, "-ISc", script])
         self.assertEqual(done.status, 1, done.error_text)
         self.assertRegex(done.error_text, "moveHelper: Helper file .* does not exist\n")

@@ -111,7 +111,8 @@ class JobFiles(SystemCase):
         """What three readers make of the file."""
         import plistlib
         self.mac.run(["/usr/bin/xmllint", "--noout", "--nonet", path], check=True)
-        self.mac.run(["/usr/bin/plistutil", "-i", path, "-o", "/var/log/b", "-f", "bin"], check=True)
+        self.mac.run(["/usr/bin/plistutil", "-i", path, "-o", "/var/log/b", "-f", "bin"],
+                     check=True)
         text = self.mac.read(path)
         self.assertEqual(text[:171], korvel.PLIST_HEAD.encode())
         values = plistlib.loads(text)

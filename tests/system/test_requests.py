@@ -48,7 +48,7 @@ class Register(SystemCase):
         self.register("abc")
         self.register("def")
         self.assertEqual(self.mac.listing(korvel.AGENTS),
-                         [korvel.agent_label("abc") + ".plist", korvel.agent_label("def") + ".plist"])
+                         [korvel.agent_label(name) + ".plist" for name in ("abc", "def")])
 
     def test_without_the_client_executable_does_nothing(self):
         self.mac.sh(f"rm {korvel.CLIENT}")
@@ -151,7 +151,8 @@ class Resign(SystemCase):
         path = self.restore_file("abc", korvel.session_folder("abc"))
         self.mac.write(korvel.daemon_path("abc"), korvel.daemon_file(
             korvel.daemon_label("abc"), korvel.session_daemon_arguments("abc")))
-        self.serve("-installed", "1", "-exePath", korvel.CLIENT, "-restoreFile", path, session="abc")
+        self.serve("-installed", "1", "-exePath", korvel.CLIENT, "-restoreFile", path,
+                   session="abc")
         return path
 
     def test_of_another_session_removes_only_its_agent(self):

@@ -93,7 +93,8 @@ class Killed(SystemCase):
             self.restore_file()
             call = "rename" if number == 1 else "fchmodat,chmod"
             when = 1 if number == 1 else "2+"
-            self.mac.start(["/usr/bin/strace", "-f", "-qq", "-o", "/dev/null", "-e", f"trace={call}",
+            self.mac.start(["/usr/bin/strace", "-f", "-qq", "-o", "/dev/null",
+                            "-e", f"trace={call}",
                             "-e", f"inject={call}:signal=KILL:when={when}", korvel.HELPER],
                            env=UNTRACED)
             self.mac.wait_until(lambda: self.mac.exists(korvel.endpoint_path()))

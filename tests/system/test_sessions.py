@@ -149,7 +149,7 @@ class OwnDaemon(Road):
 
     def wait_until_removed(self):
         paths = [korvel.agent_path("abc"), korvel.daemon_path("abc"), korvel.session_folder("abc")]
-        self.mac.wait_until(lambda: not any(map(self.mac.exists, paths)), limit_s=15,
+        self.mac.wait_until(lambda: not any(map(self.mac.exists, paths)), limit_s=30,
                             what=f"the end of {paths}")
 
     def test_comes_up_after_a_restart_with_its_agent(self):
