@@ -11,6 +11,7 @@
 
 #include "bench/netbuf_peers.h"
 #include "netbuf/netbuf_imp.h"
+#include "osx/launch_data.h"
 
 namespace {
 
@@ -155,13 +156,17 @@ Bytes container_item(std::uint64_t type, const std::vector<Bytes>& items) {
   return made;
 }
 
+const std::vector<std::string>& job_command() {
+  static const std::vector<std::string> words = {
+      "/bin/launchctl", "load", "-S", "Aqua",
+      "/Library/LaunchAgents/com.norvane.korvel.restart.0123456789.plist"};
+  return words;
+}
+
 template <class Bytes>
 Bytes submit_job() {
   std::vector<Bytes> arguments;
-  for (const char* word : {"/bin/launchctl", "load", "-S", "Aqua",
-                           "/Library/LaunchAgents/com.norvane.korvel.restart.0123456789.plist"}) {
-    arguments.push_back(string_item<Bytes>(word));
-  }
+  for (const std::string& word : job_command()) arguments.push_back(string_item<Bytes>(word));
   std::map<std::string, Bytes> job;
   job["KeepAlive"] = item_head<Bytes>(6, 0);
   job["Label"] = string_item<Bytes>("norvane.jobsubmit");
@@ -177,8 +182,27 @@ Bytes submit_job() {
       1, std::vector<Bytes>{string_item<Bytes>("SubmitJob"), container_item(1, entries)});
 }
 
+/// The same by the product's own encoder.
+template <>
+netbuf submit_job<netbuf>() {
+  std::vector<netbuf> arguments;
+  for (const std::string& word : job_command()) {
+    arguments.push_back(launch_data::add_string(word));
+  }
+  std::map<std::string, netbuf> job;
+  job["KeepAlive"] = launch_data::add(6, 0, 0);
+  job["Label"] = launch_data::add_string("norvane.jobsubmit");
+  job["OnDemand"] = launch_data::add(6, 0, 1);
+  job["ProgramArguments"] = launch_data::add_vect(arguments, 2);
+  job["RunAtLoad"] = launch_data::add(6, 0, 1);
+  return launch_data::add_dict({{"SubmitJob", launch_data::add_dict(job)}});
+}
+
 template <class Bytes>
 void submit_job_to_string(benchmark::State& state) {
+  if (submit_job<Bytes>().to_string() != submit_job<bench::string_bytes>().to_string()) {
+    state.SkipWithError("not the message");
+  }
   for (auto _ : state) benchmark::DoNotOptimize(submit_job<Bytes>().to_string());
 }
 
@@ -236,6 +260,7 @@ int main(int argc, char** argv) {
   ADD_WORKLOAD(copy_cut_append_100);
   ADD_WORKLOAD(pull_up_100_of_8_kib);
   ADD_WORKLOAD(submit_job_to_string);
+  add_row("submit_job_to_string", "launch_data", submit_job_to_string<netbuf>);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();
