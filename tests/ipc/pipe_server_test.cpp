@@ -11,6 +11,7 @@
 #include "ipc/endpoint.h"
 #include "muro/core/exception.h"
 #include "muro/sys/thread_internal.h"
+#include "muro/sys/time.h"
 #include "tests/ipc/recorder.h"
 #include "tests/support/broken_pipes.h"
 #include "tests/support/descriptors.h"
@@ -366,6 +367,34 @@ TEST_F(server, ends_promptly_though_no_client_can_be_taken) {
   while (accept_calls == 0) std::this_thread::yield();
   expect_prompt_end();
   EXPECT_LT(accept_calls, 30);
+}
+
+std::atomic<int> pauses{0};
+
+TEST_F(server, rests_when_it_cannot_even_wait_and_then_goes_on) {
+  pauses = 0;
+  muro::x_pause_us = [](unsigned long long us) {
+    EXPECT_EQ(us, 100000u);
+    ++pauses;
+    ::usleep(1000);
+  };
+  start();
+  expect_serving();
+  const muro::unique_fd client(::socket(AF_UNIX, SOCK_STREAM, 0));
+  {
+    // poll(2) refuses more entries than the process may have descriptors.
+    test::descriptor_limit one(1);
+    const sockaddr_un address = test::socket_address(path_);
+    ASSERT_EQ(::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              0);
+    while (pauses < 3) std::this_thread::yield();
+  }
+  EXPECT_TRUE(pipe_server::write_(client.get(), "patient"));
+  std::string reply;
+  EXPECT_TRUE(pipe_server::read_(client.get(), reply));
+  EXPECT_EQ(reply, "<patient>");
+  server_.reset();
+  muro::x_pause_us = nullptr;
 }
 
 TEST_F(server, tries_again_at_once_when_another_wake_up_took_the_client) {
