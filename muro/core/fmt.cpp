@@ -1,6 +1,7 @@
 #include "muro/core/fmt.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace muro {
 
@@ -61,20 +62,9 @@ void fmt::add_placeholder(std::string& literal, std::string& digits) {
 }
 
 void fmt::add(const std::string& value) {
-  add_moved(std::string(value));
-}
-
-void fmt::add_moved(std::string&& value) {
   const int number = static_cast<int>(++next_arg_);
-  std::string* first = nullptr;
   for (const slot& s : slots_) {
-    if (s.number != number) continue;
-    std::string& piece = pieces_.at(s.piece);
-    if (first == nullptr) {
-      first = &(piece = std::move(value));
-    } else {
-      piece = *first;
-    }
+    if (s.number == number) pieces_.at(s.piece) = value;
   }
 }
 

@@ -19,7 +19,6 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace muro {
@@ -140,7 +139,7 @@ class fmt {
       if (fill == 0 && width == 0) {
         std::string plain;
         conversion::append(plain, value);
-        return add_moved(std::move(plain));
+        return add(plain);
       }
     }
     std::ostringstream out;
@@ -148,7 +147,7 @@ class fmt {
     if (fill != 0) out.fill(fill);
     if (width != 0) out.width(width);
     conversion::write(out, value);
-    add_moved(out.str());
+    add(out.str());
   }
 
   /// The filled text. A placeholder whose number was never added is empty; so is "%0%", and one
@@ -162,7 +161,6 @@ class fmt {
   };
 
   void add_placeholder(std::string& literal, std::string& digits);
-  void add_moved(std::string&& value);
 
   std::vector<std::string> pieces_;  // literal, slot, literal, ..., literal
   std::vector<slot> slots_;          // in template order

@@ -73,6 +73,40 @@ TEST_F(log_process_test, first_lines_of_many_threads_start_one_thread) {
   EXPECT_IN_OWN_PROCESS(story(), AllOf(HasSubstr("main: line 0\n"), HasSubstr("main: line 7\n")));
 }
 
+std::atomic<bool> dumper_came_up{false};
+void* (*dumper_start)(void*);
+
+TEST_F(log_process_test, first_line_waits_for_the_thread_to_come_up) {
+  const auto story = [] {
+    g_thread_calls.create = [](pthread_t* id, const pthread_attr_t* attributes,
+                               void* (*start)(void*), void* object) {
+      dumper_start = start;
+      const auto late = [](void* o) {
+        // Time enough for a caller that would not wait.
+        ::usleep(50000);
+        dumper_came_up = true;
+        return dumper_start(o);
+      };
+      return ::pthread_create(id, attributes, late, object);
+    };
+    fmt_dbg("main").fmt_verbose("first");
+    CHECK_THAT(dumper_came_up);
+  };
+  EXPECT_IN_OWN_PROCESS(story(), "main: first\n");
+}
+
+TEST_F(log_process_test, first_line_of_a_caller_that_holds_up_all_new_threads_is_written) {
+  const auto story = [] {
+    muro::init_thread();
+    {
+      const muro::rec_lock no_thread_gets_further(*muro::m_threads_mtx);
+      fmt_dbg("main").fmt_verbose("first");
+    }
+    errlog::wait_for_flush();
+  };
+  EXPECT_IN_OWN_PROCESS(story(), "main: first\n");
+}
+
 /// Logs before main, as an object at namespace scope might, when the environment asks for it.
 const bool g_logged_early = [] {
   if (std::getenv("KORVEL_TEST_LOG_EARLY") != nullptr) fmt_dbg("early").fmt_verbose("before main");
