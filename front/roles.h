@@ -3,8 +3,8 @@
 /// The roles of the executable: which one the start options ask for, and running it.
 ///
 ///     order  role                    when                                          exit status
-///     1      self_test               test                                          0 (1: a step
-///     failed) 2      install_shared_daemon   runInstall                                    0 or 1
+///     1      self_test               test                                          0; 1: a step failed
+///     2      install_shared_daemon   runInstall                                    0 or 1
 ///     3      remove_session          restoreFile with an ID, the file is missing   0
 ///     4      install_session_daemon  restoreFile with an ID, not installed         0 or 1
 ///     5      serve_session           restoreFile with an ID, installed             0, by a signal

@@ -8,12 +8,14 @@
 ///     | type | first value word | second value word | data ...
 ///       8      8                  8
 ///
-/// | type | kind | first | second | data |
-/// |---|---|---|---|---|
-/// | 1 | dictionary | 0 | keys and values together | 8 bytes of filler for each, then key, value,
-/// ... | | 2 | array | 0 | elements | 8 bytes of filler for each, then the elements | | 6 | boolean
-/// | 0 | 1 or 0 | | | 7 | string | 0 | length | the text, then 1 to 8 zero bytes up to a multiple
-/// of 8 | | 9 | error number, in replies | | | not read |
+///     type  kind          first  second               data
+///     1     dictionary    0      keys and values      8 bytes of filler for each, then key,
+///                                counted separately   value, key, value, ...
+///     2     array         0      elements             8 bytes of filler for each, then the elements
+///     6     boolean       0      1 or 0               none
+///     7     string        0      length in bytes      the text, then 1 to 8 zero bytes up to a
+///                                                     multiple of 8
+///     9     error number  as received, replies only   not read
 ///
 /// Containers are laid out depth first, every child in full behind the filler; there are no
 /// offsets. The dictionary { "a": true }, 96 bytes, as its words:

@@ -42,7 +42,9 @@ std::string example(const std::string& name) {
   throw std::runtime_error("no example " + name);
 }
 
-void start_runtime_once() { [[maybe_unused]] static const auto* started = new muro::init(); }
+void start_runtime_once() {
+  [[maybe_unused]] static const auto* started = new muro::init();
+}
 
 /// A pipe whose write end is closed after the bytes are in, so that a reader sees them and an end.
 class filled_pipe {
@@ -116,11 +118,15 @@ netbuf remove_request() {
 }
 
 long long fixed_time_ms = 0;
-long long fixed_time() { return fixed_time_ms; }
+long long fixed_time() {
+  return fixed_time_ms;
+}
 
 }  // namespace
 
-TEST(formats_page, the_empty_reply_is_an_empty_frame) { EXPECT_EQ(frame_of(""), example("reply")); }
+TEST(formats_page, the_empty_reply_is_an_empty_frame) {
+  EXPECT_EQ(frame_of(""), example("reply"));
+}
 
 TEST(formats_page, the_number_pops_as_told) {
   std::string packet = example("number");
@@ -176,8 +182,7 @@ TEST(formats_page, the_log_line_and_its_marker_are_written_as_told) {
   muro::errlog::wait_for_flush();
   EXPECT_EQ(test::read_file(folder / "log"), example("log-line"));
   fixed_time_ms += 4000;
-  for (int i = 0; i < 9; ++i)
-    log.fmt_verbose("Failed to uninstall agent for %1%", "/tmp/a\nb.dat");
+  for (int i = 0; i < 9; ++i) log.fmt_verbose("Failed to uninstall agent for %1%", "/tmp/a\nb.dat");
   muro::errlog::wait_for_flush();
   EXPECT_EQ(test::read_file(folder / "log"), example("log-line") + example("log-marker"));
   muro::x_absolute_time = nullptr;
