@@ -6,14 +6,19 @@
 /// running as root, enters the user's launchd context; how depends on the release. With U the user
 /// id, N the user name, I the login's process id, L the label, P the agent's job file:
 ///
-/// | release | start | stop |
-/// |---|---|---|
-/// | before 10.10, console user | /usr/bin/sudo -u #U /bin/launchctl load -S Aqua P, then as for
-/// others | /usr/bin/sudo -u #U /bin/launchctl unload -S Aqua P, then /usr/bin/sudo -u #U
-/// /bin/launchctl remove L | | before 10.10, others | through the user's launchd: /bin/launchctl
-/// load -S Aqua P | the same with unload | | 10.10 | /bin/launchctl bsexec I /usr/bin/sudo -u N
-/// /bin/launchctl load P | the same with unload | | 10.11 and later | /bin/launchctl bootstrap gui/
-/// and what `id -u N` printed, P | the same with bootout |
+///     before 10.10, console user
+///       start  /usr/bin/sudo -u #U /bin/launchctl load -S Aqua P, then as for others
+///       stop   /usr/bin/sudo -u #U /bin/launchctl unload -S Aqua P, then
+///              /usr/bin/sudo -u #U /bin/launchctl remove L
+///     before 10.10, others
+///       start  through the user's launchd: /bin/launchctl load -S Aqua P
+///       stop   the same with unload
+///     10.10
+///       start  /bin/launchctl bsexec I /usr/bin/sudo -u N /bin/launchctl load P
+///       stop   the same with unload
+///     10.11 and later
+///       start  /bin/launchctl bootstrap gui/ and what `id -u N` printed, P
+///       stop   the same with bootout
 ///
 /// What launchctl makes of it is never examined. Both functions log through a scope named after
 /// themselves and run on the caller's thread.

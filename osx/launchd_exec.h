@@ -31,16 +31,18 @@
 ///
 /// Throws `muro::exception`:
 ///
-/// | condition | text |
-/// |---|---|
-/// | the path and its terminator exceed 104 bytes | ":Error in 'send_to_sock': socket path too
-/// long" | | the user's rights cannot be taken | ":Error from 'seteuid' (called in 'send_to_sock'):
-/// " ...; nothing was connected | | no socket; bad magic; declared length 16 or less; reply over 16
-/// MiB | ":Error in 'send_to_sock'" | | no connection | ":Error from 'connect' (called in
-/// 'send_to_sock'): [cannot connect] " ... | | sending fails | ":Error from 'sendmsg' (called in
-/// 'send_to_sock'): [while sending to launchd] " ... | | receiving fails, the peer has closed, or
-/// sends descriptors | ":Error from 'recvmsg' (called in 'send_to_sock'): [while receiving from
-/// launchd] " ... |
+///     the path and its terminator exceed 104 bytes
+///         ":Error in 'send_to_sock': socket path too long"
+///     the user's rights cannot be taken; nothing was connected
+///         ":Error from 'seteuid' (called in 'send_to_sock'): " ...
+///     no socket; bad magic; declared length 16 or less; reply over 16 MiB
+///         ":Error in 'send_to_sock'"
+///     no connection
+///         ":Error from 'connect' (called in 'send_to_sock'): [cannot connect] " ...
+///     sending fails
+///         ":Error from 'sendmsg' (called in 'send_to_sock'): [while sending to launchd] " ...
+///     receiving fails, the peer has closed, or sends descriptors
+///         ":Error from 'recvmsg' (called in 'send_to_sock'): [while receiving from launchd] " ...
 ///
 /// "..." is errno and its text; errno is 0 where receiving ended without an error.
 netbuf send_to_sock(unsigned long long uid, const std::string& socket_path, netbuf body);
