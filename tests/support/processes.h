@@ -14,6 +14,7 @@
 #include "muro/core/exception.h"
 #include "muro/sys/child_start.h"
 #include "muro/sys/time.h"
+#include "tests/support/forked.h"
 
 namespace test {
 
@@ -28,22 +29,6 @@ inline std::string failure_of(const std::function<void()>& action) {
     return e.description();
   }
   return "no exception";
-}
-
-/// Runs `check` in a process of its own, whose descriptors, signals and folder it may spoil.
-inline bool holds_in_a_fork(const std::function<bool()>& check) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::alarm(60);
-    bool held = false;
-    try {
-      held = check();
-    } catch (...) {
-    }
-    ::_exit(held ? 0 : 1);
-  }
-  int status = -1;
-  return pid > 0 && ::waitpid(pid, &status, 0) == pid && status == 0;
 }
 
 /// Whether this process has no child, running or not reaped.

@@ -9,17 +9,9 @@
 
 #include "muro/sys/pipe.h"
 #include "muro/sys/process.h"
-#include "platform/platform.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/processes.h"
 #include "tests/support/temp_dir.h"
-
-#ifdef __linux__
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#endif
 
 namespace {
 
@@ -208,50 +200,5 @@ TEST(child_start, no_handler_of_the_parents_runs_in_the_child) {
   EXPECT_EQ(*handled, 0);
   ::munmap(shared, sizeof *handled);
 }
-
-TEST(close_descriptors, closes_the_range_and_nothing_beside_it) {
-  EXPECT_TRUE(holds_in_a_fork([] {
-    for (const int number : {50, 51, 52, 53, 54}) ::dup2(2, number);
-    platform::close_descriptors(51, 53);
-    return test::is_open(50) && !test::is_open(51) && !test::is_open(52) && !test::is_open(53) &&
-           test::is_open(54) && test::is_open(2);
-  }));
-}
-
-TEST(close_descriptors, goes_to_the_end_of_the_table) {
-  EXPECT_TRUE(holds_in_a_fork([] {
-    const int last = muro::get_max_fds() < 900 ? muro::get_max_fds() - 1 : 900;
-    ::dup2(2, last);
-    platform::close_descriptors(3, INT_MAX);
-    return test::open_descriptors() == std::set<int>{0, 1, 2};
-  }));
-}
-
-#ifdef __linux__
-/// A kernel without the call that closes a range.
-bool forbid_close_range() {
-  sock_filter program[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  const sock_fprog filter{4, program};
-  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
-TEST(close_descriptors, older_kernels_close_one_by_one) {
-  EXPECT_TRUE(holds_in_a_fork([] {
-    test::descriptor_limit table(1000);
-    for (const int number : {50, 51, 52, 53, 999}) ::dup2(2, number);
-    if (!forbid_close_range() || ::syscall(SYS_close_range, 900, 901, 0) != -1) return false;
-    platform::close_descriptors(51, 52);
-    if (!test::is_open(50) || test::is_open(51) || test::is_open(52) || !test::is_open(53))
-      return false;
-    return descriptors_of_a_child() == "0 1 2 ";
-  }));
-}
-#endif
 
 }  // namespace
