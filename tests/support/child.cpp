@@ -30,6 +30,16 @@ void write_all(int descriptor, const std::string& text) {
   }
 }
 
+/// Also where whoever started this held the signal back.
+void end_after_a_minute() {
+  sigset_t alarm;
+  ::sigemptyset(&alarm);
+  ::sigaddset(&alarm, SIGALRM);
+  ::signal(SIGALRM, SIG_DFL);
+  ::sigprocmask(SIG_UNBLOCK, &alarm, nullptr);
+  ::alarm(60);
+}
+
 int hang() {
   for (;;) ::pause();
 }
@@ -142,10 +152,11 @@ int show_session(const arguments& a) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ::alarm(60);
   if (argc < 2) return 98;
   const std::string what = argv[1];
   const arguments rest(argv + 2, argv + argc);
+  if (what == "signals") return show_signals(rest);
+  end_after_a_minute();
   if (what == "exit") return exit_with(rest);
   if (what == "print") return print(rest);
   if (what == "both") return both(rest);
@@ -157,7 +168,6 @@ int main(int argc, char** argv) {
   if (what == "stop") return stop_self(rest);
   if (what == "arguments") return show_arguments(rest, argv[0]);
   if (what == "descriptors") return show_descriptors(rest);
-  if (what == "signals") return show_signals(rest);
   if (what == "session") return show_session(rest);
   return 98;
 }
