@@ -54,7 +54,7 @@ class autorelease_pool {
   autorelease_pool& operator=(const autorelease_pool&) = delete;
 
  private:
-  void* pool_;
+  [[maybe_unused]] void* pool_;
 };
 
 /// Blocks the main thread in the system's run loop (`CFRunLoopRun`), without using time; on Linux

@@ -41,7 +41,7 @@ std::string resolved(const std::string& path) {
 }
 
 std::string existing_folder(const std::string& path) {
-  const std::string folder = resolved(path);
+  std::string folder = resolved(path);
   if (folder.empty()) throw usage_error("no such file or folder: " + path);
   return folder;
 }
