@@ -31,7 +31,7 @@ void mark_forked() {
 /// the process either.
 void block_signals() {
   sigset_t all;
-  ::sigfillset(&all);
+  sigfillset(&all);  // a macro on macOS: no scope in front
   ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 

@@ -26,7 +26,7 @@ class signals_blocked {
  public:
   signals_blocked() {
     sigset_t all;
-    ::sigfillset(&all);
+    sigfillset(&all);  // a macro on macOS: no scope in front
     ::pthread_sigmask(SIG_SETMASK, &all, &before_);
   }
   ~signals_blocked() {
@@ -114,7 +114,7 @@ namespace {
 void restore_signals() noexcept {
   struct sigaction usual {};
   usual.sa_handler = SIG_DFL;
-  ::sigemptyset(&usual.sa_mask);
+  sigemptyset(&usual.sa_mask);  // a macro on macOS: no scope in front
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction now {};
     if (::sigaction(number, nullptr, &now) != 0) continue;
@@ -122,7 +122,7 @@ void restore_signals() noexcept {
     if (!ignored && now.sa_handler != SIG_DFL) ::sigaction(number, &usual, nullptr);
   }
   sigset_t none;
-  ::sigemptyset(&none);
+  sigemptyset(&none);  // a macro on macOS: no scope in front
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 

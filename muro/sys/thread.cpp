@@ -349,7 +349,7 @@ void set_signal_action(int signal, void (*handler)(int), int flags) {
   struct sigaction action {};
   action.sa_handler = handler;
   action.sa_flags = flags;
-  ::sigemptyset(&action.sa_mask);
+  sigemptyset(&action.sa_mask);  // a macro on macOS: no scope in front
   ::sigaction(signal, &action, nullptr);
 }
 
