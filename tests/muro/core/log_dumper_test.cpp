@@ -380,14 +380,16 @@ TEST_F(log_process_test, line_goes_to_standard_error_when_no_lock_can_be_made) {
 }
 
 TEST_F(log_dumper_test, line_goes_to_standard_error_when_the_lock_fails) {
-  errlog::set_log_to_stderr(true);
+  static thread_local bool locks_fail_here = false;
+  const test::replaced broken(
+      g_thread_calls.mutex_lock, +[](pthread_mutex_t* mutex) {
+        return locks_fail_here ? EINVAL : ::pthread_mutex_lock(mutex);
+      });
   log_and_flush("x");
   testing::internal::CaptureStderr();
-  {
-    const test::replaced broken(
-        g_thread_calls.mutex_lock, +[](pthread_mutex_t*) { return EINVAL; });
-    fmt_dbg("main").fmt_verbose("locked out");
-  }
+  locks_fail_here = true;
+  fmt_dbg("main").fmt_verbose("locked out");
+  locks_fail_here = false;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "main: locked out\n");
 }
 
