@@ -189,6 +189,11 @@ class Dispatch(SystemCase):
 
     def test_a_second_helper_takes_the_endpoint_over(self):
         first = self.serve()
-        self.serve()
+        endpoint = korvel.endpoint_path(None)
+        before = self.mac.stat(endpoint)["st_ino"]
+        self.served = self.mac.start([korvel.HELPER])
+        self.mac.wait_until(lambda: self.mac.exists(endpoint)
+                            and self.mac.stat(endpoint)["st_ino"] != before)
+        self.wait_for_endpoint()
         first.kill()
         self.assert_serves()
