@@ -6,7 +6,7 @@
 #include "netbuf/netbuf_imp.h"
 #include "tests/osx/mac.h"
 #include "tests/osx/scripted_launchd.h"
-#include "tests/osx/system_calls.h"
+#include "tests/support/broken_pipes.h"
 
 namespace {
 
@@ -264,11 +264,10 @@ TEST_F(agent_start_from_10_11, a_machine_without_id_passes_the_user_over) {
 }
 
 TEST_F(agent_start_from_10_11, an_id_that_cannot_be_started_passes_the_user_over) {
-  test::system_calls calls;
-  calls.pipe_error = EMFILE;
-  test::watched = &calls;
-  launchd_agent_start_v2(321, "alice", kLabel, true);
-  test::watched = nullptr;
+  {
+    const test::broken_pipes broken;
+    launchd_agent_start_v2(321, "alice", kLabel, true);
+  }
   EXPECT_TRUE(done("run").empty());
   EXPECT_EQ(done("log").back(),
             "launchd_agent_start_v2: failed to retrieve effective user id, will not load for user "

@@ -13,7 +13,6 @@ namespace test {
 
 struct system_calls {
   /// Not 0: the call fails with that errno.
-  int pipe_error = 0;
   int socket_error = 0;
   int sendmsg_error = 0;
   /// Not 0: what a `seteuid` or `sendmsg` that succeeds leaves in errno.

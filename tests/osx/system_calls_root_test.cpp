@@ -58,11 +58,6 @@ int seteuid(uid_t uid) noexcept {
   return result;
 }
 
-int pipe(int ends[2]) noexcept {
-  if (test::watched != nullptr && fails_with(test::watched->pipe_error)) return -1;
-  return static_cast<int>(ask_kernel(SYS_pipe2, ends, 0));
-}
-
 int socket(int domain, int type, int protocol) noexcept {
   if (test::watched != nullptr && fails_with(test::watched->socket_error)) return -1;
   return static_cast<int>(ask_kernel(SYS_socket, domain, type, protocol));
