@@ -93,8 +93,8 @@ std::uint64_t thread_number();
 /// Closes every open descriptor numbered `first` to `last`, both included; `last` may be INT_MAX.
 /// For the child between fork and exec: async-signal-safe, no allocation, no lock; errno is
 /// anything afterwards. The cost follows the number of open descriptors where the system allows it
-/// (Linux: close_range(2), where a kernel or filter refuses that one close for each number below
-/// the descriptor table's size); macOS closes each number below that size.
+/// (Linux: close_range(2); macOS: proc_pidinfo, up to 1,023 of them); else each number below the
+/// descriptor table's size is closed.
 void close_descriptors(int first, int last) noexcept;
 
 // The file-manager operations: `NSFileManager` on macOS, POSIX calls on Linux. They block, keep no
@@ -109,8 +109,8 @@ struct file_outcome {
   nil_string description;
 };
 
-/// Makes the folder `path` with permission bits `mode`, whatever the umask, and every missing
-/// folder above it (those with 0755 on Linux). A folder that exists already counts as success and
+/// Makes the folder `path` and every missing folder above it with permission bits `mode`, whatever
+/// the umask (macOS: the attributes are for every new folder, NSFileManager reference). A folder that exists already counts as success and
 /// keeps its mode; any other entry at the path is a failure. Slashes at the end do not count.
 file_outcome create_folder(const std::string& path, mode_t mode);
 

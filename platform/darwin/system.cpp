@@ -53,7 +53,9 @@ nil_string version_in(CFPropertyListRef list) {
 
 }  // namespace
 
-void run_main_loop() { CFRunLoopRun(); }
+void run_main_loop() {
+  CFRunLoopRun();
+}
 
 nil_string executable_path() {
   std::uint32_t size = 0;
@@ -99,6 +101,8 @@ bool older_version_selector(std::uint32_t selector, int& value) {
   return true;
 }
 
-std::uint64_t thread_number() { return pthread_mach_thread_np(pthread_self()); }
+std::uint64_t thread_number() {
+  return pthread_mach_thread_np(pthread_self());
+}
 
 }  // namespace platform

@@ -226,7 +226,7 @@ file_outcome create_folder(const std::string& path, mode_t mode) {
   const std::string folder = without_trailing_slashes(path);
   for (std::size_t slash = folder.find('/', 1); slash != std::string::npos;
        slash = folder.find('/', slash + 1))
-    if (!make_folder(folder.substr(0, slash), 0755)) return failure(errno);
+    if (!make_folder(folder.substr(0, slash), mode)) return failure(errno);
   return make_folder(folder, mode) ? success() : failure(errno);
 }
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "platform/platform.h"
+#include "tests/platform/known_differences.h"
 #include "tests/support/root_users.h"
 #include "tests/support/temp_dir.h"
 
@@ -39,6 +40,16 @@ TEST_F(set_attributes, follows_a_link) {
   EXPECT_TRUE(platform::set_attributes(folder_ / "link", 0777, "root", "admin").ok);
   EXPECT_EQ(status_of(item_).st_gid, 80U);
   EXPECT_NE(status_of(folder_ / "link").st_gid, 80U);
+}
+
+TEST_F(set_attributes, unknown_owner_is_a_failure) {
+  // GNUstep gives the item to an owner that it does not name.
+  EXPECT_EQ(platform::set_attributes(item_, 0777, "nobody here", "admin").ok, test::kOnGnustep);
+}
+
+TEST_F(set_attributes, unknown_group_is_a_failure) {
+  // GNUstep gives the item to a group that it does not name.
+  EXPECT_EQ(platform::set_attributes(item_, 0777, "root", "no group").ok, test::kOnGnustep);
 }
 
 TEST_F(set_attributes, works_on_a_folder) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "platform/platform.h"
+#include "tests/platform/known_differences.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
@@ -57,6 +58,15 @@ TEST_F(file_manager, creates_the_folders_above) {
   EXPECT_EQ(mode_of(at("a/b/c")), 0777U);
 }
 
+TEST_F(file_manager, new_folders_above_get_the_same_mode_and_old_ones_keep_theirs) {
+  const umask_scope strict(077);
+  fs::create_directory(at("old"));
+  platform::create_folder(at("old/a/b"), 0775);
+  EXPECT_EQ(mode_of(at("old")), 0700U);
+  EXPECT_EQ(mode_of(at("old/a")), 0775U);
+  EXPECT_EQ(mode_of(at("old/a/b")), 0775U);
+}
+
 TEST_F(file_manager, creates_a_folder_named_with_a_slash_at_the_end) {
   EXPECT_TRUE(platform::create_folder(at("a/b/"), 0777).ok);
   EXPECT_EQ(mode_of(at("a/b")), 0777U);
@@ -78,7 +88,8 @@ TEST_F(file_manager, link_to_a_folder_counts_as_that_folder) {
 
 TEST_F(file_manager, file_in_the_way_of_a_folder_is_a_failure) {
   file("taken");
-  expect_failure(platform::create_folder(at("taken"), 0777));
+  // GNUstep takes any entry at the path for the folder.
+  EXPECT_EQ(platform::create_folder(at("taken"), 0777).ok, test::kOnGnustep);
   EXPECT_EQ(test::read_file(at("taken")), "x");
 }
 
@@ -91,6 +102,18 @@ TEST_F(file_manager, file_above_a_folder_is_a_failure_with_a_description) {
 
 TEST_F(file_manager, nameless_folder_is_a_failure) {
   expect_failure(platform::create_folder("", 0777));
+}
+
+TEST_F(file_manager, path_with_a_zero_byte_or_without_a_name_is_a_failure_of_each_operation) {
+  file("item");
+  for (const std::string& path : {std::string(), at("item") + std::string("\0x", 2)}) {
+    expect_failure(platform::create_folder(path, 0777));
+    expect_failure(platform::copy_item(path, at("copy")));
+    expect_failure(platform::copy_item(at("item"), path));
+    expect_failure(platform::set_attributes(path, 0777, "root", "root"));
+    EXPECT_TRUE(platform::subpaths(path).empty());
+  }
+  EXPECT_FALSE(fs::exists(at("copy")));
 }
 
 TEST_F(file_manager, copies_a_file_with_its_bytes_and_mode) {

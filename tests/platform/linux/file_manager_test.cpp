@@ -1,4 +1,4 @@
-// Where the Linux side has to choose: the text of a failure, the folders above, odd items.
+// Where the Linux side has to choose: the text of a failure, odd items.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -20,13 +20,6 @@ class linux_file_manager : public testing::Test {
   std::string at(const std::string& name) const { return folder_ / name; }
   test::temp_dir folder_;
 };
-
-TEST_F(linux_file_manager, folders_above_get_0755_whatever_the_umask) {
-  const mode_t old = ::umask(077);
-  EXPECT_TRUE(platform::create_folder(at("a/b"), 0777).ok);
-  ::umask(old);
-  EXPECT_EQ(fs::status(at("a")).permissions(), fs::perms(0755));
-}
 
 TEST_F(linux_file_manager, tells_a_failure_with_the_systems_text) {
   test::write_file(at("file"), "x");

@@ -33,7 +33,6 @@ __attribute__((objc_root_class))
 - (id)initWithBytes:(const void*)bytes length:(NSUInteger)length encoding:(NSStringEncoding)encoding;
 - (const char*)UTF8String;
 - (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)encoding;
-- (const char*)fileSystemRepresentation;
 @end
 
 @interface NSNumber : NSObject
@@ -70,7 +69,6 @@ __attribute__((objc_root_class))
          ofItemAtPath:(NSString*)path
                 error:(NSError**)error;
 - (NSArray*)subpathsAtPath:(NSString*)path;
-- (NSString*)stringWithFileSystemRepresentation:(const char*)bytes length:(NSUInteger)length;
 @end
 
 extern "C" {
