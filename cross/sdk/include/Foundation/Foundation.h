@@ -30,7 +30,9 @@ __attribute__((objc_root_class))
 @end
 
 @interface NSString : NSObject
-- (id)initWithBytes:(const void*)bytes length:(NSUInteger)length encoding:(NSStringEncoding)encoding;
+- (id)initWithBytes:(const void*)bytes
+             length:(NSUInteger)length
+           encoding:(NSStringEncoding)encoding;
 - (const char*)UTF8String;
 - (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)encoding;
 @end
@@ -65,9 +67,7 @@ __attribute__((objc_root_class))
                      attributes:(NSDictionary*)attributes
                           error:(NSError**)error;
 - (BOOL)copyItemAtPath:(NSString*)from toPath:(NSString*)to error:(NSError**)error;
-- (BOOL)setAttributes:(NSDictionary*)attributes
-         ofItemAtPath:(NSString*)path
-                error:(NSError**)error;
+- (BOOL)setAttributes:(NSDictionary*)attributes ofItemAtPath:(NSString*)path error:(NSError**)error;
 - (NSArray*)subpathsAtPath:(NSString*)path;
 @end
 
