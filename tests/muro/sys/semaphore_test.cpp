@@ -91,6 +91,7 @@ TEST(semaphore, may_be_destroyed_by_the_waiter_while_post_returns) {
 namespace {
 
 lines g_steps;
+int g_in_vain;
 
 }  // namespace
 
@@ -126,6 +127,16 @@ TEST(semaphore, that_cannot_be_made_fails_by_its_own_name) {
   const replaced call(
       g_thread_calls.cond_init, +[](pthread_cond_t*, const pthread_condattr_t*) { return ENOMEM; });
   EXPECT_EQ(thrown([] { muro::semaphore(0, 0); }), ":Error in 'semaphore'");
+}
+
+TEST(semaphore, wait_goes_on_when_it_is_woken_in_vain) {
+  muro::semaphore count(0, 0);
+  g_in_vain = 0;
+  const replaced call(
+      g_thread_calls.cond_wait,
+      +[](pthread_cond_t*, pthread_mutex_t*) { return ++g_in_vain < 3 ? 0 : EINVAL; });
+  EXPECT_EQ(thrown([&] { count.wait(); }), ":Error in 'wait'");
+  EXPECT_EQ(g_in_vain, 3);
 }
 
 TEST(semaphore, a_failing_wait_fails_by_its_own_name_and_holds_no_lock) {

@@ -128,12 +128,12 @@ TEST_F(xfile_test, mode_4_keeps_the_content_of_an_existing_file) {
 }
 
 TEST_F(xfile_test, mode_4_creates_with_0666_under_the_umask) {
-  const mode_t before = ::umask(027);
+  const mode_t before = ::umask(007);
   const xfile file(path, xfile::read_write_create, true);
   ::umask(before);
   struct stat status;
   ASSERT_EQ(::stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U);
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
 }
 
 TEST_F(xfile_test, mode_4_reports_the_second_failure_of_fopen) {
