@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks what the cross build made: check.py EXECUTABLE [--twin EXECUTABLE].
+"""Checks what the cross build made: check.py EXECUTABLE [--twin EXECUTABLE] [--tool].
 
 Reads the Mach-O file with LLVM's object tools and prints one line a check with what it saw. Nothing
 here can run the file; that is what docs/mac-check.md is for. Exit status: 0 all hold, 1 one fails,
@@ -133,11 +133,13 @@ class Checks:
             self.failed.append(what)
         print(f"{'ok  ' if ok else 'FAIL'} {what}: {seen}")
 
-    def run(self, twin=None):
+    def run(self, twin=None, product=True):
         for check in (self.kind, self.lowest_release, self.load_commands, self.libraries,
-                      self.symbols, self.symbol_ages, self.exports, self.objective_c, self.paths,
-                      self.size, self.info_plist):
+                      self.symbols, self.symbol_ages, self.exports, self.objective_c, self.paths):
             check()
+        if product:
+            self.size()
+            self.info_plist()
         if twin:
             self.twin(twin)
         return self.failed
@@ -233,12 +235,14 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("executable", type=pathlib.Path)
     parser.add_argument("--twin", type=pathlib.Path, help="the same, built in another folder")
+    parser.add_argument("--tool", action="store_true",
+                        help="not the product itself: any size, and no Info.plist")
     args = parser.parse_args()
     for path in filter(None, (args.executable, args.twin)):
         if not path.is_file():
             parser.error(f"no such file: {path}")
     try:
-        failed = Checks(args.executable).run(args.twin)
+        failed = Checks(args.executable).run(args.twin, not args.tool)
     except subprocess.CalledProcessError as problem:
         print(f"FAIL {problem.cmd[0]} cannot read {args.executable}: {problem.stderr.strip()}")
         failed = [problem]
