@@ -29,14 +29,27 @@ unique_fd watch_parent() {
   return parent;
 }
 
-unique_fd watch_signals() {
-  sigset_t set;
-  ::sigemptyset(&set);
-  ::sigaddset(&set, SIGCHLD);
-  for (const int signal : kPassedSignals) ::sigaddset(&set, signal);
-  ::sigprocmask(SIG_BLOCK, &set, nullptr);
-  return unique_fd(check(::signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
-}
+/// Catches the launcher's signals from before there is a root on, so that none is lost to a command
+/// that runs already.
+class signal_watch {
+ public:
+  signal_watch() {
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGCHLD);
+    for (const int signal : kPassedSignals) ::sigaddset(&set, signal);
+    ::sigprocmask(SIG_BLOCK, &set, &before_);
+    signals_ = unique_fd(check(::signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
+  }
+
+  int get() const { return signals_.get(); }
+  /// For the root's first process: the signals are as the launcher's caller had them.
+  void leave() const { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+  unique_fd signals_;
+};
 
 /// Passes on a signal that another process sent; the terminal's reach the command by themselves.
 void pass_on(pid_t first, int signals) {
@@ -69,8 +82,9 @@ void tell(int fd, const first_process& root) {
   ::close(fd);
 }
 
-first_process make_root(const run_options& options) {
-  return start_namespaced([&options](id_mode mode, const std::function<void()>& ready) {
+first_process make_root(const run_options& options, const signal_watch& signals) {
+  return start_namespaced([&](id_mode mode, const std::function<void()>& ready) {
+    signals.leave();
     enter_mac_tree(options, mode);
     check(::sethostname("mac", 3), "sethostname");
     if (options.info_fd >= 0) ::close(options.info_fd);
@@ -83,9 +97,9 @@ first_process make_root(const run_options& options) {
 int run(const run_options& options) {
   const unique_fd parent = watch_parent();
   try {
-    const first_process root = make_root(options);
+    const signal_watch signals;
+    const first_process root = make_root(options, signals);
     tell(options.info_fd, root);
-    const unique_fd signals = watch_signals();
     return supervise(root.pid, signals.get(), parent.get());
   } catch (const failure& error) {
     std::fprintf(stderr, "macroot-run: this machine allows no private root (%s)\n", error.what());
