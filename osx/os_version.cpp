@@ -1,7 +1,5 @@
 #include "osx/os_version.h"
 
-#include <cstdint>
-#include <string>
 #include <vector>
 
 #include "muro/sys/strings.h"
@@ -10,12 +8,6 @@
 namespace muro {
 namespace {
 
-struct version {
-  int major = 10;
-  int minor = 4;
-  int bugfix = 0;
-};
-
 // A selector is four characters read as a big-endian number.
 constexpr std::uint32_t selector(const char (&name)[5]) {
   std::uint32_t value = 0;
@@ -23,30 +15,31 @@ constexpr std::uint32_t selector(const char (&name)[5]) {
   return value;
 }
 
-version version_from_text(const std::string& text) {
+os_release release_from_text(const std::string& text) {
   std::vector<std::string> pieces;
   tokenize(&pieces, text, '.');
   pieces.resize(3);
   return {muro::atoi(pieces[0]), muro::atoi(pieces[1]), muro::atoi(pieces[2])};
 }
 
-version version_from_selectors() {
-  version v;
-  platform::older_version_selector(selector("sys1"), v.major);
-  platform::older_version_selector(selector("sys2"), v.minor);
-  platform::older_version_selector(selector("sys3"), v.bugfix);
-  return v;
-}
-
 }  // namespace
 
+os_release os_release_of(const std::optional<std::string>& text,
+                         bool (*older_selector)(std::uint32_t selector, int& value)) {
+  if (text.has_value() && !text->empty()) return release_from_text(*text);
+  os_release release;
+  older_selector(selector("sys1"), release.major);
+  older_selector(selector("sys2"), release.minor);
+  older_selector(selector("sys3"), release.bugfix);
+  return release;
+}
+
 int os_version_osx(int& major, int& minor) {
-  const platform::nil_string text = platform::product_version();
-  const bool known = text.has_value() && !text->empty();
-  const version v = known ? version_from_text(*text) : version_from_selectors();
-  major = v.major;
-  minor = v.minor;
-  return v.bugfix;
+  const os_release release =
+      os_release_of(platform::product_version(), platform::older_version_selector);
+  major = release.major;
+  minor = release.minor;
+  return release.bugfix;
 }
 
 }  // namespace muro

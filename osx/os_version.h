@@ -1,9 +1,26 @@
 #pragma once
 
-/// Which macOS release is running. Nothing is cached: every call asks the system anew. Neither
-/// function fails or throws anything but `std::bad_alloc`; both may be called from any thread.
+/// Which macOS release is running. Nothing is cached: every call asks the system anew. No function
+/// here fails or throws anything but `std::bad_alloc`; all may be called from any thread.
+
+#include <cstdint>
+#include <optional>
+#include <string>
 
 namespace muro {
+
+/// The three numbers of a release, at first those of the oldest one that is known to be possible.
+struct os_release {
+  int major = 10;
+  int minor = 4;
+  int bugfix = 0;
+};
+
+/// The release that `text` names, or without a text the one that the selectors 'sys1', 'sys2' and
+/// 'sys3' tell, each for one number. `older_selector` fills its argument and returns true where it
+/// knows the answer.
+os_release os_release_of(const std::optional<std::string>& text,
+                         bool (*older_selector)(std::uint32_t selector, int& value));
 
 /// Fills `major` and `minor` and returns the bugfix number, for example 10, 9 and 5. They come from
 /// the product version text (`platform::product_version`), split at the points, where a missing

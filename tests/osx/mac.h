@@ -30,6 +30,7 @@
 
 #include "muro/core/errlog.h"
 #include "muro/core/hooks.h"
+#include "muro/sys/unique_fd.h"
 #include "tests/support/temp_dir.h"
 
 namespace test {
@@ -170,7 +171,7 @@ class mac : public ::testing::Test {
 
   static bool is_hanging() {
     for (const pid_t pid : children(true)) {
-      if (read_file("/proc/" + std::to_string(pid) + "/comm") == "sleep\n") return true;
+      if (process_file(pid, "comm") == "sleep\n") return true;
     }
     return false;
   }
@@ -199,13 +200,22 @@ class mac : public ::testing::Test {
     }
   }
 
+  // What /proc tells of a process; nothing when it has just ended.
+  static std::string process_file(pid_t pid, const std::string& name) {
+    const muro::unique_fd file(
+        ::open(("/proc/" + std::to_string(pid) + "/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+    char text[1024];
+    const ssize_t length = file.is_open() ? ::read(file.get(), text, sizeof text) : -1;
+    return std::string(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+  }
+
   // The processes whose parent this one is, from inside its POSIX session or from outside.
   static std::vector<pid_t> children(bool same_session) {
     std::vector<pid_t> found;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
       const pid_t pid = std::atoi(entry.path().filename().c_str());
       if (pid == 0) continue;
-      const std::string stat = read_file(entry.path() / "stat");
+      const std::string stat = process_file(pid, "stat");
       int parent = 0;
       int session = 0;
       const std::size_t name_end = stat.rfind(')');
