@@ -50,7 +50,8 @@ class launch_data {
   static constexpr unsigned long long kString = 7;
   static constexpr unsigned long long kErrorNumber = 9;
 
-  /// A head alone; the whole of a boolean, whose value is the second word.
+  /// A head alone, which is the whole of a boolean. Deliberate: its value is the second word, and
+  /// the first is 0.
   static netbuf add(unsigned long long type, unsigned long long first, unsigned long long second);
 
   /// A string.
