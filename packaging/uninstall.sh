@@ -51,7 +51,6 @@ stop_agent() {
     # Before 10.10 every user has a launchd of their own, reached from inside their session.
     for pid in $(login_windows "$uid"); do
       launchctl bsexec "$pid" sudo -u "#$uid" launchctl unload -S Aqua "$1" >/dev/null 2>&1
-      launchctl bsexec "$pid" launchctl unload -S Aqua "$1" >/dev/null 2>&1
     done
   done
 }
