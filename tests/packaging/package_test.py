@@ -54,6 +54,17 @@ class Packaging(unittest.TestCase):
         return (calls.read_text(encoding="utf-8").splitlines(),
                 pathlib.Path(f"{calls}.files").read_text(encoding="utf-8").split())
 
+    def test_the_client_library_is_a_component_of_its_own(self):
+        root = self.folder / "root"
+        self.assertEqual(install("client", root), ["usr/local/include/client/korvel_rnr.h",
+                                                   "usr/local/lib/libkorvel_rnr.a"])
+        self.assertNotIn("#include \"", (root / "usr/local/include/client/korvel_rnr.h").read_text())
+
+    def test_the_client_library_needs_the_c_library_alone(self):
+        symbols = subprocess.run(["nm", "-u", BUILD / "client/libkorvel_rnr.a"], check=True,
+                                 capture_output=True, text=True).stdout
+        self.assertNotRegex(symbols, r" U (_Z|__cxa|__gxx)")
+
     def test_layout(self):
         root = self.folder / "root"
         self.assertEqual(install("helper", root),

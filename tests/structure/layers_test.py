@@ -15,11 +15,12 @@ ALLOWED = {
     "osx": {"muro", "netbuf", "platform"},
     "ipc": {"muro", "platform"},
     "front": {"osx", "ipc", "muro", "platform"},
-    "tools": {"front", "osx", "ipc", "muro", "netbuf", "platform"},
+    "client": set(),
+    "tools": {"client", "front", "osx", "ipc", "muro", "netbuf", "platform"},
 }
 # The runtime's composition root is the one file of muro that knows netbuf.
 EXCEPTIONS = {("muro/core/init.cpp", "netbuf")}
-SUFFIXES = {".h", ".cpp", ".mm"}
+SUFFIXES = {".h", ".c", ".cpp", ".mm"}
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 SYSTEM_SWITCH = re.compile(r"^\s*#.*\b(__APPLE__|__linux__|__MACH__|__gnu_linux__)\b", re.M)
 

@@ -38,17 +38,6 @@ class failure : public std::runtime_error {
   exit_status status_;
 };
 
-/// The end of a time limit that several waits share. The runtime's timer must have been started.
-class deadline {
- public:
-  explicit deadline(long long limit_ms);
-  /// Milliseconds left, 0 when the limit has passed; never more than fits `poll`.
-  int left_ms() const;
-
- private:
-  long long end_ms_;
-};
-
 /// The request packet of `command` with `argument`. Fields are taken off the packet's end, so the
 /// argument is pushed first and the command last.
 std::string make_request(const std::string& command, const std::string& argument);
@@ -56,9 +45,7 @@ std::string make_request(const std::string& command, const std::string& argument
 /// Sends `packet` to the endpoint `name` and gives the reply packet. Throws `failure`, never with
 /// `wrong_use` or `no_file`, when there is none within `limit_ms` (above 0). Connecting counts
 /// too: a helper that is busy with a long queue makes `connect` wait.
-///
-/// SIGPIPE must be off. Makes its socket through the process-wide hook `muro::x_make_socket`,
-/// which it borrows for the time of connecting: one caller at a time.
+/// The client library's calls in this tool's words; the statuses are the same numbers. Any thread.
 std::string exchange(const std::string& name, const std::string& packet, long long limit_ms);
 
 }  // namespace rnrctl
