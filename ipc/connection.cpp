@@ -9,8 +9,6 @@
 #include <limits>
 #include <utility>
 
-#include "muro/sys/time.h"
-
 namespace ipc_priv {
 namespace {
 
@@ -29,8 +27,8 @@ void refuse_sigpipe([[maybe_unused]] int descriptor) {
 #endif
 }
 
-int poll_limit(long long remaining_ms) {
-  return static_cast<int>(std::min<long long>(remaining_ms, std::numeric_limits<int>::max()));
+int poll_limit(long long left_ms) {
+  return static_cast<int>(std::min<long long>(left_ms, std::numeric_limits<int>::max()));
 }
 
 bool would_block() {
@@ -47,7 +45,7 @@ connection::connection(muro::unique_fd descriptor, int stop, long long limit_ms)
 }
 
 void connection::begin_transfer() {
-  deadline_ms_ = muro::relative_time() + limit_ms_;
+  limit_ = muro::time_limit(limit_ms_);
 }
 
 bool connection::read(unsigned char* bytes, int length) {
@@ -79,10 +77,10 @@ bool connection::write(const unsigned char* bytes, int length) {
 // A hang-up or error counts as ready: the read or write that follows tells.
 bool connection::wait_for(short event) {
   for (;;) {
-    const long long remaining_ms = deadline_ms_ - muro::relative_time();
-    if (remaining_ms <= 0) return false;
+    const long long left_ms = limit_.left_ms();
+    if (left_ms == 0) return false;
     pollfd entries[2] = {{descriptor_.get(), event, 0}, {stop_, POLLIN, 0}};
-    const int ready = ::poll(entries, 2, poll_limit(remaining_ms));
+    const int ready = ::poll(entries, 2, poll_limit(left_ms));
     if (ready < 0 && errno != EINTR) return false;
     if (ready <= 0) continue;
     return entries[1].revents == 0;

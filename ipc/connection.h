@@ -2,6 +2,7 @@
 
 /// Private to ipc: the server's end of one connection, which no client can hold for ever.
 
+#include "muro/sys/time.h"
 #include "muro/sys/unique_fd.h"
 
 namespace ipc_priv {
@@ -31,7 +32,7 @@ class connection {
   muro::unique_fd descriptor_;
   int stop_;
   long long limit_ms_;
-  long long deadline_ms_ = 0;
+  muro::time_limit limit_{0};
 };
 
 }  // namespace ipc_priv

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <limits>
 
 #include "muro/core/exception.h"
 #include "muro/sys/event_wait_internal.h"
@@ -29,24 +28,14 @@ short requested_events(const bool* readable, const bool* writable) {
                             (writable != nullptr ? POLLOUT : 0));
 }
 
-int remaining_ms(long long deadline_ms) {
-  constexpr long long longest = std::numeric_limits<int>::max();
-  return static_cast<int>(std::clamp(deadline_ms - relative_time(), 0LL, longest));
-}
-
 // poll, repeated on EINTR with the time that is left: a storm of signals must not prolong the wait.
 int poll_until(pollfd& entry, int timeout_ms) {
-  if (timeout_ms <= 0) {
-    int result;
-    do {
-      result = detail::g_poll(&entry, 1, timeout_ms);
-    } while (result < 0 && errno == EINTR);
-    return result;
-  }
-  const long long deadline_ms = relative_time() + timeout_ms;
+  const time_limit limit(timeout_ms);
   int result = detail::g_poll(&entry, 1, timeout_ms);
-  while (result < 0 && errno == EINTR)
-    result = detail::g_poll(&entry, 1, remaining_ms(deadline_ms));
+  while (result < 0 && errno == EINTR) {
+    if (timeout_ms > 0) timeout_ms = static_cast<int>(limit.left_ms());
+    result = detail::g_poll(&entry, 1, timeout_ms);
+  }
   return result;
 }
 

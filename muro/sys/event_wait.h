@@ -15,9 +15,9 @@ namespace muro {
 ///
 /// All three are false after a time-out. The seconds become milliseconds in 32 bits, so the longest
 /// finite wait is 2147483 s. A call that a signal interrupts is repeated with what is left of the
-/// time-out, so signals never prolong it. Throws `muro::exception`
-/// ":Error from 'poll' (called in 'wait_for_event'): ..." on any other failure; the three outcomes
-/// are then unchanged. See poll(2). Any thread; a positive time-out needs the runtime's clock.
+/// time-out by `wait_clock_us`, so neither signals nor a wall clock that is set make it longer or
+/// shorter. Throws `muro::exception` ":Error from 'poll' (called in 'wait_for_event'): ..." on any
+/// other failure; the three outcomes are then unchanged. See poll(2). Any thread.
 void wait_for_event(int descriptor, bool* readable, bool* writable, bool* error, long timeout_s);
 
 }  // namespace muro

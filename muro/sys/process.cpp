@@ -94,9 +94,14 @@ void choose_folder(child_plan& plan, const std::string& program, const process::
   }
 }
 
+/// Seconds of the clock that waits are measured by.
+long long wait_clock_s() {
+  return wait_clock_us() / 1000000;
+}
+
 long long deadline_after(long long timeout_s) {
   constexpr long long kNever = std::numeric_limits<long long>::max();
-  const long long now_s = relative_time_t();
+  const long long now_s = wait_clock_s();
   return timeout_s > kNever - now_s ? kNever : now_s + timeout_s;
 }
 
@@ -114,7 +119,7 @@ int wait_until(pid_t pid, long long deadline_s) {
   child_guard guard(pid);  // kills and reaps on every way out but the child's own end
   int exit_code = 0;
   for (;;) {
-    if (relative_time_t() > deadline_s) throw exception::function("system");
+    if (wait_clock_s() > deadline_s) throw exception::function("system");
     if (poll_exit_code(pid, exit_code)) break;
     pause_us(kPollPause_us);
   }

@@ -14,6 +14,7 @@
 #include "muro/core/random.h"
 #include "muro/sys/thread_internal.h"
 #include "muro/sys/time.h"
+#include "platform/clock.h"
 
 namespace muro {
 
@@ -25,8 +26,8 @@ namespace detail {
 
 constinit thread_calls g_thread_calls{::pthread_mutexattr_init,      ::pthread_mutexattr_settype,
                                       ::pthread_mutex_init,          ::pthread_mutex_lock,
-                                      ::pthread_mutex_unlock,        ::pthread_cond_init,
-                                      ::pthread_cond_wait,           ::pthread_cond_timedwait,
+                                      ::pthread_mutex_unlock,        platform::make_condition,
+                                      ::pthread_cond_wait,           platform::wait_condition,
                                       ::pthread_cond_signal,         ::pthread_attr_init,
                                       ::pthread_attr_setdetachstate, ::pthread_attr_getstacksize,
                                       ::pthread_attr_setstacksize,   ::pthread_create};
@@ -132,7 +133,7 @@ semaphore::semaphore(unsigned /*first*/, unsigned initial) : count_(initial) {
   if (detail::g_thread_calls.mutex_init.load()(&mutex_, nullptr) != 0) {
     throw exception::function("semaphore");
   }
-  if (detail::g_thread_calls.cond_init.load()(&condition_, nullptr) != 0) {
+  if (detail::g_thread_calls.cond_init.load()(&condition_) != 0) {
     ::pthread_mutex_destroy(&mutex_);  // the destructor of a half-made object does not run
     throw exception::function("semaphore");
   }
@@ -165,17 +166,12 @@ void semaphore::post() {
 
 bool semaphore::wait_ms(long long ms) {
   // From before the lock: the time spent waiting for it counts too.
-  const long long start = relative_time();
+  const time_limit limit(ms);
   const slock lock(mutex_);
   while (count_ <= 0) {
-    // Compared before anything is added, so that no span is too long to be reckoned with.
-    const long long elapsed = relative_time() - start;
-    if (elapsed >= ms) return false;
-    timespec deadline;
-    clock_realtime(deadline);
-    add_ms(deadline, ms - elapsed);
-    const int result =
-        detail::g_thread_calls.cond_timedwait.load()(&condition_, &mutex_, &deadline);
+    const long long left_ms = limit.left_ms();
+    if (left_ms == 0) return false;
+    const int result = detail::g_thread_calls.cond_timedwait.load()(&condition_, &mutex_, left_ms);
     if (result != 0 && result != ETIMEDOUT) throw exception::function("cond_");
   }
   --count_;

@@ -70,10 +70,9 @@ class semaphore {
   virtual void wait();
   /// Gives one count and wakes one waiter. Throws "post" (the count is given all the same).
   virtual void post();
-  /// Takes one count, waiting at most `ms` milliseconds of `relative_time` in all, however often
-  /// the wait is woken in vain; false when that time is over. With 0 or less it only looks.
-  /// Throws "cond_". The single waits end by the wall clock: one that is set back meanwhile makes
-  /// the wait longer by as much.
+  /// Takes one count, waiting at most `ms` milliseconds of `wait_clock_us` in all, however often
+  /// the wait is woken in vain and whatever becomes of the wall clock; false when that time is
+  /// over. With 0 or less it only looks. Throws "cond_".
   virtual bool wait_ms(long long ms);
   /// `wait_ms` with seconds.
   virtual bool wait(long seconds);

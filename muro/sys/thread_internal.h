@@ -17,9 +17,9 @@ struct thread_calls {
   std::atomic<int (*)(pthread_mutex_t*, const pthread_mutexattr_t*)> mutex_init;
   std::atomic<int (*)(pthread_mutex_t*)> mutex_lock;
   std::atomic<int (*)(pthread_mutex_t*)> mutex_unlock;
-  std::atomic<int (*)(pthread_cond_t*, const pthread_condattr_t*)> cond_init;
+  std::atomic<int (*)(pthread_cond_t*) noexcept> cond_init;
   std::atomic<int (*)(pthread_cond_t*, pthread_mutex_t*)> cond_wait;
-  std::atomic<int (*)(pthread_cond_t*, pthread_mutex_t*, const timespec*)> cond_timedwait;
+  std::atomic<int (*)(pthread_cond_t*, pthread_mutex_t*, long long wait_ms)> cond_timedwait;
   std::atomic<int (*)(pthread_cond_t*)> cond_signal;
   std::atomic<int (*)(pthread_attr_t*)> attr_init;
   std::atomic<int (*)(pthread_attr_t*, int)> attr_setdetachstate;

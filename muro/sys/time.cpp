@@ -3,12 +3,14 @@
 #include <sys/times.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
 #include "muro/sys/thread.h"
 #include "muro/sys/time_internal.h"
+#include "platform/clock.h"
 
 namespace muro {
 
@@ -33,6 +35,7 @@ constexpr long kUsualTickRate = 100;
 
 constinit std::atomic<clock_t (*)()> g_tick_source{system_ticks};
 constinit std::atomic<int (*)(timeval*)> g_time_of_day{system_time_of_day};
+constinit std::atomic<long long (*)() noexcept> g_monotonic_us{platform::monotonic_us};
 
 tick_clock::tick_clock(long ticks_per_second, clock_t first)
     : ticks_per_second_(ticks_per_second > 0 ? ticks_per_second : kUsualTickRate), last_(first) {}
@@ -136,6 +139,18 @@ long long get_ms_from_ns(long long ns) {
   return ns / 1000000;
 }
 
+long long wait_clock_us() {
+  return x_relative_time != nullptr ? x_relative_time() * 1000 : detail::g_monotonic_us.load()();
+}
+
+long long time_limit::left_ms() const {
+  if (limit_ms_ <= 0) return 0;
+  // Whole milliseconds that have passed are taken off, so what is left is rounded up; compared
+  // before anything is added, so no limit is too long to be reckoned with.
+  const long long passed_ms = std::max((wait_clock_us() - start_us_) / 1000, 0LL);
+  return std::max(limit_ms_ - passed_ms, 0LL);
+}
+
 void init_timer() {
   timer();
 }
@@ -162,11 +177,17 @@ void pause_us(unsigned long long microseconds) {
     x_pause_us(microseconds);
     return;
   }
-  timespec left;
-  left.tv_sec = static_cast<time_t>(microseconds / 1000000);
-  left.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
-  // A signal ends the sleep early and leaves the rest in `left`.
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  const auto monotonic_us = detail::g_monotonic_us.load();
+  const long long start_us = monotonic_us();
+  // A signal ends the sleep early. What is left then is told by the clock: the system's own answer
+  // leaves out the time that the signal's handler took.
+  for (unsigned long long passed_us = 0; passed_us < microseconds;) {
+    const unsigned long long left_us = microseconds - passed_us;
+    timespec left;
+    left.tv_sec = static_cast<time_t>(left_us / 1000000);
+    left.tv_nsec = static_cast<long>(left_us % 1000000) * 1000;
+    if (::nanosleep(&left, nullptr) == 0 || errno != EINTR) return;
+    passed_us = static_cast<unsigned long long>(monotonic_us() - start_us);
   }
 }
 

@@ -2,10 +2,11 @@
 
 /// Clocks in milliseconds and seconds, `timespec` arithmetic, pauses.
 ///
-/// There are two clocks. The relative one counts from the runtime's start and never goes
-/// backwards: intervals and time-outs use it. The absolute one counts from the Unix epoch and
-/// follows the system's wall clock: time stamps use it. A host replaces either through the hooks
-/// `x_relative_time`, `x_absolute_time` and `x_absolute_system_time` of muro/core/hooks.h.
+/// There are three clocks. The relative one counts from the runtime's start and never goes
+/// backwards. The absolute one counts from the Unix epoch and follows the system's wall clock: time
+/// stamps use it. A host replaces either through the hooks `x_relative_time`, `x_absolute_time` and
+/// `x_absolute_system_time` of muro/core/hooks.h. Waits are measured by a third, `wait_clock_us`:
+/// the relative clock is the wall clock in disguise on systems whose `times` follows it (macOS).
 ///
 /// Everything here may be called from any thread and at any time, also before `init_timer`: the
 /// state is made at first use and never destroyed.
@@ -55,6 +56,27 @@ void add_ms(timespec& ts, long long ms);
 long long get_ns(const timespec& ts);
 /// `ns` as milliseconds, rounded towards zero.
 long long get_ms_from_ns(long long ns);
+
+/// Microseconds of the clock that all waits with a limit are measured by: the system's monotonic
+/// one (platform/clock.h), which nobody can set, or 1000 times the host's `x_relative_time` when
+/// there is one. Counts from no moment in particular; only differences mean something.
+long long wait_clock_us();
+
+/// The limit of one wait, which begins as the object is made. However often the wait is broken off
+/// and begun again, all its pieces together have `limit_ms`. Belongs to one thread.
+class time_limit {
+ public:
+  /// 0 or less leaves no time. Throws what a host's clock throws.
+  explicit time_limit(long long limit_ms) : limit_ms_(limit_ms), start_us_(wait_clock_us()) {}
+
+  /// What is left, rounded up to whole milliseconds, so that a wait of that length never ends
+  /// early; 0 when the limit is over. A clock of the host's that goes back makes no time.
+  long long left_ms() const;
+
+ private:
+  long long limit_ms_;
+  long long start_us_;
+};
 
 /// Makes the timer state unless an earlier use of a clock has: the relative clock counts from the
 /// first of the two, and a second call does not set it back.

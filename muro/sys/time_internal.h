@@ -27,8 +27,10 @@ class tick_clock {
   long long accumulated_ms_ = 0;
 };
 
-/// Where ticks and the wall-clock time come from: `times` and `gettimeofday`. Tests replace them.
+/// Where ticks, the wall-clock time and the time of waits come from: `times`, `gettimeofday` and
+/// `platform::monotonic_us`. Tests replace them.
 extern std::atomic<clock_t (*)()> g_tick_source;
 extern std::atomic<int (*)(timeval*)> g_time_of_day;
+extern std::atomic<long long (*)() noexcept> g_monotonic_us;
 
 }  // namespace muro::detail

@@ -17,6 +17,7 @@
 #include "muro/sys/files.h"
 #include "muro/sys/thread_internal.h"
 #include "muro/sys/user_switch.h"
+#include "platform/clock.h"
 #include "tests/muro/core/log_fixture.h"
 #include "tests/muro/sys/replaced.h"
 
@@ -370,10 +371,10 @@ TEST_F(log_process_test, lines_of_many_threads_survive_failing_starts) {
 
 TEST_F(log_process_test, line_goes_to_standard_error_when_no_lock_can_be_made) {
   const auto story = [] {
-    g_thread_calls.cond_init = [](pthread_cond_t*, const pthread_condattr_t*) { return ENOMEM; };
+    g_thread_calls.cond_init = [](pthread_cond_t*) noexcept { return ENOMEM; };
     fmt_dbg("main").fmt_verbose("a\n");
     errlog::wait_for_flush();
-    g_thread_calls.cond_init = ::pthread_cond_init;
+    g_thread_calls.cond_init = platform::make_condition;
     fmt_dbg("main").fmt_verbose("b");
   };
   EXPECT_IN_OWN_PROCESS(story(), testing::ContainsRegex("^main: a`0a\n[^ ]*Z main: b\n"));

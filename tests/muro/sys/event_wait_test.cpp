@@ -11,6 +11,7 @@
 #include "muro/sys/pipe.h"
 #include "muro/sys/time.h"
 #include "tests/support/signal_storm.h"
+#include "tests/support/stepping_clock.h"
 #include "tests/support/stopwatch.h"
 
 namespace {
@@ -147,9 +148,20 @@ TEST_F(wait_for_event, signals_are_no_failure_and_do_not_prolong_the_wait) {
   const test::signal_storm storm;
   const test::stopwatch watch;
   EXPECT_FALSE(wait_readable(near_.get(), 1));
-  EXPECT_GE(watch.ms(), 980);  // the clock has ticks of 10 ms
+  EXPECT_GE(watch.ms(), 1000);
   EXPECT_LT(watch.ms(), 10000);
   EXPECT_GT(storm.sent(), 5);
+}
+
+TEST_F(wait_for_event, wall_clock_that_is_set_neither_shortens_nor_prolongs_the_wait) {
+  for (const long step_s : {3600L, -3600L}) {
+    const test::stepping_clock clock(step_s);
+    const test::signal_storm storm;  // so that the clock is looked at on the way
+    const test::stopwatch watch;
+    EXPECT_FALSE(wait_readable(near_.get(), 1));
+    EXPECT_GE(watch.ms(), 1000) << step_s;
+    EXPECT_LT(watch.ms(), 10000) << step_s;
+  }
 }
 
 TEST_F(wait_for_event, time_that_a_signal_leaves_over_is_never_negative) {

@@ -4,6 +4,8 @@
 
 #include "muro/sys/process.h"
 #include "tests/support/processes.h"
+#include "tests/support/signal_storm.h"
+#include "tests/support/stepping_clock.h"
 #include "tests/support/stopwatch.h"
 #include "tests/support/temp_dir.h"
 
@@ -93,6 +95,24 @@ TEST_F(process_system, kills_and_reaps_when_the_limit_is_past) {
   // From 5 s on the deadline is 7 s, and 8 s is the first second past it.
   EXPECT_EQ(now_ms, 8000);
   EXPECT_EQ(pauses_us, std::vector<unsigned long long>(30, 100000));
+}
+
+TEST_F(process_system, limit_lasts_as_long_when_the_wall_clock_is_set) {
+  for (const long step_s : {3600L, -3600L}) {
+    const test::stepping_clock clock(step_s);
+    const test::short_pauses quick;
+    const test::stopwatch watch;
+    EXPECT_EQ(failure_of([] { process::system(child, {"silent"}, 1); }), ":Error in 'system'");
+    EXPECT_GE(watch.ms(), 1000) << step_s;
+    EXPECT_LT(watch.ms(), 10000) << step_s;
+  }
+}
+
+TEST_F(process_system, limit_lasts_as_long_under_signals) {
+  const test::signal_storm storm;
+  const test::stopwatch watch;
+  EXPECT_EQ(failure_of([] { process::system(child, {"silent"}, 0); }), ":Error in 'system'");
+  EXPECT_LT(watch.ms(), 10000);
 }
 
 TEST_F(process_system, limit_of_zero_lasts_to_the_end_of_the_second) {

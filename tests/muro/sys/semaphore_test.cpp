@@ -10,6 +10,9 @@
 #include "muro/sys/time.h"
 
 #include "tests/muro/sys/thread_support.h"
+#include "tests/support/signal_storm.h"
+#include "tests/support/stepping_clock.h"
+#include "tests/support/stopwatch.h"
 
 namespace {
 
@@ -125,7 +128,7 @@ TEST(semaphore, that_cannot_be_made_fails_by_its_own_name) {
     EXPECT_EQ(thrown([] { muro::semaphore(0, 0); }), ":Error in 'semaphore'");
   }
   const replaced call(
-      g_thread_calls.cond_init, +[](pthread_cond_t*, const pthread_condattr_t*) { return ENOMEM; });
+      g_thread_calls.cond_init, +[](pthread_cond_t*) noexcept { return ENOMEM; });
   EXPECT_EQ(thrown([] { muro::semaphore(0, 0); }), ":Error in 'semaphore'");
 }
 
@@ -163,7 +166,7 @@ TEST(semaphore, a_failing_signal_fails_as_post_with_the_count_given) {
 TEST(semaphore, wait_ms_of_no_time_only_looks) {
   const replaced call(
       g_thread_calls.cond_timedwait,
-      +[](pthread_cond_t*, pthread_mutex_t*, const timespec*) { return EINVAL; });
+      +[](pthread_cond_t*, pthread_mutex_t*, long long) { return EINVAL; });
   muro::semaphore count(0, 0);
   EXPECT_FALSE(count.wait_ms(0));
   EXPECT_FALSE(count.wait_ms(-5));
@@ -174,9 +177,9 @@ TEST(semaphore, wait_ms_of_no_time_only_looks) {
 
 TEST(semaphore, wait_ms_ends_when_its_time_is_over) {
   muro::semaphore count(0, 0);
-  const long long before = muro::relative_time();
+  const test::stopwatch watch;
   EXPECT_FALSE(count.wait_ms(40));
-  EXPECT_GE(muro::relative_time() - before, 40);
+  EXPECT_GE(watch.ms(), 40);
 }
 
 TEST(semaphore, wait_ms_is_true_when_the_count_comes_meanwhile) {
@@ -190,11 +193,11 @@ TEST(semaphore, wait_ms_is_true_when_the_count_comes_meanwhile) {
 namespace {
 
 long long g_now_ms;
-std::vector<timespec> g_deadlines;
+std::vector<long long> g_waits_ms;
 
 /// A wait that is woken 30 ms later, in vain.
-int woken_in_vain(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline) {
-  g_deadlines.push_back(*deadline);
+int woken_in_vain(pthread_cond_t*, pthread_mutex_t*, long long wait_ms) {
+  g_waits_ms.push_back(wait_ms);
   g_now_ms += 30;
   return 0;
 }
@@ -204,56 +207,63 @@ int woken_in_vain(pthread_cond_t*, pthread_mutex_t*, const timespec* deadline) {
 TEST(semaphore, wait_ms_keeps_its_total_time_however_often_it_is_woken_in_vain) {
   muro::semaphore count(0, 0);
   g_now_ms = 1000;
-  g_deadlines.clear();
+  g_waits_ms.clear();
   const replaced clock(
       muro::x_relative_time, +[] { return g_now_ms; });
   const replaced call(g_thread_calls.cond_timedwait, woken_in_vain);
   EXPECT_FALSE(count.wait_ms(100));
-  EXPECT_EQ(g_deadlines.size(), 4U);  // 100, 70, 40 and 10 ms were left
+  EXPECT_EQ(g_waits_ms, (std::vector<long long>{100, 70, 40, 10}));
   EXPECT_EQ(g_now_ms, 1120);
 }
 
-TEST(semaphore, wait_ms_waits_until_the_wall_clock_plus_what_is_left) {
-  muro::semaphore count(0, 0);
-  g_now_ms = 1000;
-  g_deadlines.clear();
-  const replaced clock(
-      muro::x_relative_time, +[] { return g_now_ms; });
-  const replaced call(g_thread_calls.cond_timedwait, woken_in_vain);
-  timespec before{};
-  timespec after{};
-  muro::clock_realtime(before);
-  EXPECT_FALSE(count.wait_ms(31));
-  muro::clock_realtime(after);
-  ASSERT_EQ(g_deadlines.size(), 2U);
-  for (const long long left : {31LL, 1LL}) {
-    const timespec deadline = g_deadlines[left == 31 ? 0 : 1];
-    EXPECT_GE(muro::get_ns(deadline), muro::get_ns(before) + left * 1000000);
-    EXPECT_LE(muro::get_ns(deadline), muro::get_ns(after) + left * 1000000);
+TEST(semaphore, wait_ms_lasts_as_long_when_the_wall_clock_is_set) {
+  for (const long step_s : {3600L, -3600L}) {
+    const test::stepping_clock clock(step_s);
+    muro::semaphore count(0, 0);
+    const test::stopwatch watch;
+    EXPECT_FALSE(count.wait_ms(60));
+    EXPECT_GE(watch.ms(), 60) << step_s;
+    EXPECT_LT(watch.ms(), 10000) << step_s;
   }
+}
+
+TEST(semaphore, wait_ms_lasts_as_long_under_signals) {
+  muro::semaphore count(0, 0);
+  const test::signal_storm storm;
+  const test::stopwatch watch;
+  EXPECT_FALSE(count.wait_ms(100));
+  EXPECT_GE(watch.ms(), 100);
+  EXPECT_LT(watch.ms(), 10000);
+  EXPECT_GT(storm.sent(), 5);
+}
+
+TEST(semaphore, wait_ms_waits_though_its_time_is_longer_than_the_system_can_wait) {
+  muro::semaphore count(0, 0);
+  std::thread other([&] { count.post(); });
+  EXPECT_TRUE(count.wait_ms(std::numeric_limits<long long>::max()));
+  other.join();
 }
 
 TEST(semaphore, wait_ms_goes_on_after_an_early_time_out_of_the_system) {
   muro::semaphore count(0, 0);
   g_now_ms = 0;
-  g_deadlines.clear();
+  g_waits_ms.clear();
   const replaced clock(
       muro::x_relative_time, +[] { return g_now_ms; });
   const replaced call(
-      g_thread_calls.cond_timedwait,
-      +[](pthread_cond_t* c, pthread_mutex_t* m, const timespec* deadline) {
-        woken_in_vain(c, m, deadline);
+      g_thread_calls.cond_timedwait, +[](pthread_cond_t* c, pthread_mutex_t* m, long long wait_ms) {
+        woken_in_vain(c, m, wait_ms);
         return ETIMEDOUT;
       });
   EXPECT_FALSE(count.wait_ms(61));
-  EXPECT_EQ(g_deadlines.size(), 3U);
+  EXPECT_EQ(g_waits_ms.size(), 3U);
 }
 
 TEST(semaphore, wait_ms_with_another_failure_throws_cond_) {
   muro::semaphore count(0, 0);
   const replaced call(
       g_thread_calls.cond_timedwait,
-      +[](pthread_cond_t*, pthread_mutex_t*, const timespec*) { return EINVAL; });
+      +[](pthread_cond_t*, pthread_mutex_t*, long long) { return EINVAL; });
   EXPECT_EQ(thrown([&] { count.wait_ms(10); }), ":Error in 'cond_'");
 }
 

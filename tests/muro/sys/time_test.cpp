@@ -4,10 +4,13 @@
 #include <signal.h>
 #include <sys/time.h>
 #include <sys/times.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -15,6 +18,7 @@
 #include "muro/sys/thread.h"
 #include "muro/sys/time_internal.h"
 #include "tests/muro/sys/replaced.h"
+#include "tests/support/stepping_clock.h"
 
 namespace {
 
@@ -323,6 +327,64 @@ TEST(get_ms_from_ns, rounds_towards_zero) {
   EXPECT_EQ(muro::get_ms_from_ns(-1999999), -1);
 }
 
+TEST(wait_clock, does_not_follow_a_wall_clock_that_is_set) {
+  const test::stepping_clock clock(3600);
+  const long long before = muro::wait_clock_us();
+  const long long passed = muro::wait_clock_us() - before;
+  EXPECT_GE(passed, 0);
+  EXPECT_LT(passed, 60LL * 1000 * 1000);
+}
+
+TEST(wait_clock, is_the_hosts_relative_clock_when_there_is_one) {
+  const replaced hook(
+      muro::x_relative_time, +[] { return 12LL; });
+  EXPECT_EQ(muro::wait_clock_us(), 12000);
+}
+
+namespace {
+
+long long g_wait_clock_us;
+
+/// A clock of waits that stands still until a test moves it.
+class fake_wait_clock {
+ public:
+  fake_wait_clock() { g_wait_clock_us = 10999; }
+
+ private:
+  replaced<std::atomic<long long (*)() noexcept>, long long (*)() noexcept> source_{
+      muro::detail::g_monotonic_us, []() noexcept { return g_wait_clock_us; }};
+};
+
+}  // namespace
+
+TEST(time_limit, rounds_what_is_left_up) {
+  const fake_wait_clock clock;
+  const muro::time_limit limit(3);
+  EXPECT_EQ(limit.left_ms(), 3);
+  g_wait_clock_us += 999;
+  EXPECT_EQ(limit.left_ms(), 3);
+  g_wait_clock_us += 2000;
+  EXPECT_EQ(limit.left_ms(), 1);
+  g_wait_clock_us += 1;
+  EXPECT_EQ(limit.left_ms(), 0);
+  g_wait_clock_us += 1000000;
+  EXPECT_EQ(limit.left_ms(), 0);
+}
+
+TEST(time_limit, gains_nothing_from_a_clock_that_goes_back) {
+  const fake_wait_clock clock;
+  const muro::time_limit limit(3);
+  g_wait_clock_us = -1000000;
+  EXPECT_EQ(limit.left_ms(), 3);
+}
+
+TEST(time_limit, of_no_time_is_over_and_the_longest_does_not_wrap) {
+  constexpr long long kLongest = std::numeric_limits<long long>::max();
+  EXPECT_EQ(muro::time_limit(0).left_ms(), 0);
+  EXPECT_EQ(muro::time_limit(-kLongest).left_ms(), 0);
+  EXPECT_GT(muro::time_limit(kLongest).left_ms(), kLongest - 1000000);
+}
+
 TEST(init_unixtime, reads_the_time_zone_and_finds_no_monotonic_clock) {
   ASSERT_EQ(::setenv("TZ", "XYZ-3", 1), 0);
   muro::init_unixtime();
@@ -380,6 +442,27 @@ TEST(pause_us, lasts_its_full_length_under_signals) {
     EXPECT_GT(storm.count(), 0);
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(50000));
+}
+
+// Of each 10 ms the handler takes 8, so that sleeping for 300 ms in all would take 1,500.
+TEST(pause_us, lasts_no_longer_for_the_time_that_signals_take) {
+  struct sigaction slow {};
+  slow.sa_handler = [](int) { ::usleep(8000); };
+  struct sigaction before {};
+  ::sigaction(SIGUSR2, &slow, &before);
+  std::atomic<bool> stop{false};
+  std::thread sender([&stop, target = ::pthread_self()] {
+    while (!stop) {
+      ::pthread_kill(target, SIGUSR2);
+      ::usleep(10000);
+    }
+  });
+  const auto start = std::chrono::steady_clock::now();
+  muro::pause_us(300000);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+  stop = true;
+  sender.join();
+  ::sigaction(SIGUSR2, &before, nullptr);
 }
 
 TEST(pause_us, takes_whole_seconds_too) {
