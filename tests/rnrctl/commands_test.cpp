@@ -10,46 +10,15 @@
 #include "muro/sys/files.h"
 #include "tests/rnrctl/fake_helper.h"
 #include "tests/support/temp_dir.h"
+#include "tools/rnrctl/requests.h"
 
 namespace {
 
-using rnrctl::action;
 using rnrctl::exit_status;
 using test::fake_helper;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using words = std::vector<std::string>;
-
-rnrctl::invocation parse(const words& given) {
-  std::string notice;
-  return rnrctl::parse(given, notice);
-}
-
-TEST(parse, takes_register_and_its_file) {
-  const auto asked = parse({"register", "a.dat"});
-  EXPECT_EQ(asked.asked, action::register_session);
-  EXPECT_EQ(asked.file, "a.dat");
-  EXPECT_EQ(asked.endpoint, "korvel_helper");
-  EXPECT_EQ(asked.timeout_s, 60);
-}
-
-TEST(parse, takes_resign_and_ping) {
-  EXPECT_EQ(parse({"resign", "a.dat"}).asked, action::resign_session);
-  EXPECT_EQ(parse({"ping"}).asked, action::ping);
-}
-
-TEST(parse, takes_options_before_and_after_the_command) {
-  for (const words& given : {words{"--endpoint", "e", "--timeout", "0.5", "ping"},
-                             words{"ping", "--endpoint=e", "--timeout=0.5"}}) {
-    const auto asked = parse(given);
-    EXPECT_EQ(asked.endpoint, "e");
-    EXPECT_EQ(asked.timeout_s, 0.5);
-  }
-}
-
-TEST(parse, takes_a_file_after_two_hyphens) {
-  EXPECT_EQ(parse({"register", "--", "-a.dat"}).file, "-a.dat");
-}
 
 class wrong_use : public testing::TestWithParam<words> {};
 
@@ -140,6 +109,29 @@ TEST_F(commands, resign_does_not_need_the_file) {
   fake_helper helper(name, test::answer);
   EXPECT_EQ(call({"resign", "/nowhere/abc.dat"}), exit_status::done);
   expect_request(helper.request, "rnr_resign", "/nowhere/abc.dat");
+}
+
+TEST_F(commands, options_stand_before_or_after_the_command) {
+  for (const words& given : {words{"--endpoint", name, "--timeout", "20", "ping"},
+                             words{"ping", "--endpoint=" + name, "--timeout=20"}}) {
+    fake_helper helper(name, test::answer);
+    EXPECT_EQ(rnrctl::rnrctl_main(given, out, err), exit_status::done);
+  }
+}
+
+TEST_F(commands, a_file_may_begin_with_a_hyphen) {
+  fake_helper helper(name, test::answer);
+  EXPECT_EQ(rnrctl::rnrctl_main({"resign", "--endpoint", name, "--", "-a.dat"}, out, err),
+            exit_status::done);
+  expect_request(helper.request, "rnr_resign", muro::get_current_dir() + "/-a.dat");
+}
+
+TEST_F(commands, explain_takes_its_message_in_one_word_or_several) {
+  EXPECT_EQ(rnrctl::rnrctl_main({"explain", "Install", "agent", "failed"}, out, err),
+            exit_status::done);
+  EXPECT_THAT(out.str(), HasSubstr("main: The session's own helper"));
+  EXPECT_EQ(rnrctl::rnrctl_main({"explain", "hello"}, out, err), exit_status::failed);
+  EXPECT_EQ(err.str(), "rnrctl: nothing is known of: hello\n");
 }
 
 TEST_F(commands, ping_sends_a_command_that_changes_nothing) {

@@ -1,10 +1,13 @@
+#include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <memory>
 #include <regex>
 #include <utility>
 
 #include "muro/core/exception.h"
 #include "muro/core/fmt.h"
 #include "tools/rnrctl/catalogue.h"
+#include "tools/rnrctl/commands.h"
 
 namespace rnrctl {
 namespace {
@@ -130,6 +133,23 @@ std::vector<std::string> explain(const std::string& asked) {
   explain_message(line, out);
   explain_exceptions(asked, out);
   return out;
+}
+
+void add_explain(CLI::App& app, invocation& asked) {
+  CLI::App* const command =
+      app.add_subcommand("explain", "say in plain words what a line of the log or a number means");
+  const auto words = std::make_shared<std::vector<std::string>>();
+  command->add_option("MESSAGE", *words, "a line of the log, or a part of it; an exit status")
+      ->required();
+  command->callback([&asked, words] {
+    asked.chosen = [words](std::ostream& out, std::ostream&) {
+      const std::string text = CLI::detail::join(*words, " ");
+      const std::vector<std::string> lines = explain(text);
+      if (lines.empty()) throw failure(exit_status::failed, "nothing is known of: " + text);
+      for (const std::string& line : lines) out << line << '\n';
+      return exit_status::done;
+    };
+  });
 }
 
 }  // namespace rnrctl
