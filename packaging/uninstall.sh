@@ -111,6 +111,8 @@ rm -f -- /tmp/korvel_helper.ipc /tmp/korvel_helper_*.ipc || complain "cannot rem
 remove "$runtime/sessions"
 rmdir "$runtime" 2>/dev/null # others may keep things there
 remove "$tools"/korvel_helper "$tools"/korvel_helper*.out* "$tools/korvel_uninstall" \
-  /usr/local/bin/rnrctl
+  /usr/local/bin/rnrctl /usr/local/lib/libkorvel_rnr.a /usr/local/include/client/korvel_rnr.h \
+  /usr/local/share/man/man5/korvel_helper.5 /usr/local/share/man/man8/korvel_helper.8 \
+  /usr/local/share/man/man8/rnrctl.8
 if command -v pkgutil >/dev/null; then pkgutil --forget "$receipt" >/dev/null 2>&1; fi
 exit $failed

@@ -12,6 +12,9 @@ import xml.etree.ElementTree
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("KORVEL_BUILD_DIR", ROOT / "build/debug"))
 TOOLS = "Library/PrivilegedHelperTools"
+MANUAL = "usr/local/share/man"
+LAYOUT = [f"{TOOLS}/korvel_helper", f"{TOOLS}/korvel_uninstall",
+          f"{MANUAL}/man5/korvel_helper.5", f"{MANUAL}/man8/korvel_helper.8"]
 
 STAND_IN = """#!/bin/bash
 printf '%s' "${0##*/}" >>"$CALLS"
@@ -67,8 +70,7 @@ class Packaging(unittest.TestCase):
 
     def test_layout(self):
         root = self.folder / "root"
-        self.assertEqual(install("helper", root),
-                         [f"{TOOLS}/korvel_helper", f"{TOOLS}/korvel_uninstall"])
+        self.assertEqual(install("helper", root), LAYOUT)
         for name in ("korvel_helper", "korvel_uninstall"):
             self.assertEqual((root / TOOLS / name).stat().st_mode & 0o7777, 0o755)
 
@@ -82,7 +84,13 @@ class Packaging(unittest.TestCase):
         self.assertIn(f" --scripts {ROOT}/packaging/scripts ", calls[0])
         self.assertIn(" --install-location / ", calls[0])
         self.assertNotIn("--sign", " ".join(calls))
-        self.assertEqual(files, [f"./{TOOLS}/korvel_helper", f"./{TOOLS}/korvel_uninstall"])
+        self.assertEqual(files, [f"./{name}" for name in LAYOUT])
+
+    def test_the_uninstaller_knows_all_that_is_installed(self):
+        script = (ROOT / "packaging/uninstall.sh").read_text(encoding="utf-8")
+        root = self.folder / "root"
+        for name in install("helper", root) + install("tools", root) + install("client", root):
+            self.assertIn(pathlib.Path(name).name, script)
 
     def test_signed_and_notarised_in_this_order(self):
         calls, _ = self.make_package(KORVEL_SIGN_APPLICATION="App", KORVEL_SIGN_INSTALLER="Inst",
