@@ -1,5 +1,6 @@
 #include "platform/linux/property_list_xml.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -33,16 +34,27 @@ std::size_t after_sign(const std::string& s) {
   return !s.empty() && (s[0] == '+' || s[0] == '-') ? 1 : 0;
 }
 
+constexpr const char* kDecimal = "0123456789";
+
+bool is_decimal(const std::string& s) {
+  return consists_of(s, after_sign(s), kDecimal);
+}
+
 bool is_integer(const std::string& s) {
   const std::size_t start = after_sign(s);
   if (s.compare(start, 2, "0x") == 0 || s.compare(start, 2, "0X") == 0)
     return consists_of(s, start + 2, "0123456789abcdefABCDEF");
-  return consists_of(s, start, "0123456789");
+  return is_decimal(s);
 }
 
 bool is_real(const std::string& s) {
   const std::size_t start = after_sign(s);
-  return consists_of(s, start, "0123456789.eE+-") && s.find_first_of("0123456789") < s.size();
+  const std::size_t exponent = std::min(s.find_first_of("eE", start), s.size());
+  std::string digits = s.substr(start, exponent - start);
+  const std::size_t point = digits.find('.');
+  if (point != std::string::npos) digits.erase(point, 1);
+  return consists_of(digits, 0, kDecimal) &&
+         (exponent == s.size() || is_decimal(s.substr(exponent + 1)));
 }
 
 // Each step answers false, for good, on the first error.

@@ -45,6 +45,16 @@ TEST(property_list_xml, keeps_blanks_in_strings_and_none_around_numbers) {
   EXPECT_EQ(string_in("<integer>\n 7 </integer>"), "7");
 }
 
+TEST(property_list_xml, reads_reals_with_or_without_point_and_exponent) {
+  for (const char* real : {"0", "-1.5", "+.5", "5.", "1e3", "1.5E-3", "2e+07"})
+    EXPECT_EQ(string_in("<real>" + std::string(real) + "</real>"), real);
+}
+
+TEST(property_list_xml, refuses_reals_that_are_no_numbers) {
+  for (const char* bad : {"", ".", "+", "e3", "1e", "1e+", "1.2.3", "1+2", "--1", "1e2e3", "1e2.5"})
+    EXPECT_FALSE(reads(in_plist("<real>" + std::string(bad) + "</real>"))) << bad;
+}
+
 TEST(property_list_xml, resolves_entities) {
   EXPECT_EQ(string_in("<string>&lt;&gt;&amp;&apos;&quot;</string>"), "<>&'\"");
   EXPECT_EQ(string_in("<string>&#65;&#x42;&#xe4;&#x20AC;&#x1F600;</string>"),
