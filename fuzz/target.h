@@ -45,6 +45,7 @@ class input {
  public:
   input(const std::uint8_t* data, std::size_t size)
       : left_(reinterpret_cast<const char*>(data), size) {}
+  explicit input(std::string_view bytes) : left_(bytes) {}
 
   bool empty() const { return left_.empty(); }
   std::size_t size() const { return left_.size(); }
