@@ -15,6 +15,7 @@ int start_and_run() {
 
 int main(int argc, char** argv) {
   open_standard_descriptors();
+  use_default_path();
   platform::set_arguments(argc, argv);
   try {
     return start_and_run();

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "ipc/socket.h"
 #include "muro/core/errlog.h"
 #include "muro/core/init.h"
+#include "muro/sys/child_start.h"
 #include "muro/sys/files.h"
 
 namespace {
@@ -23,6 +26,10 @@ bool is_open(int descriptor) {
 void open_standard_descriptors() {
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor)
     if (!is_open(descriptor) && ::open("/dev/null", O_RDWR) < 0) return;
+}
+
+void use_default_path() {
+  ::setenv("PATH", process_priv::kChildPath, 1);
 }
 
 void log_beside_executable(const char* name) {

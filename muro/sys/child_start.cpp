@@ -6,7 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "muro/core/errno_guard.h"
@@ -14,6 +17,8 @@
 #include "muro/sys/files.h"
 #include "muro/sys/user_switch.h"
 #include "platform/platform.h"
+
+extern char** environ;
 
 namespace process_priv {
 
@@ -40,9 +45,38 @@ class signals_blocked {
   sigset_t before_;
 };
 
+/// The paths that execvp(3) tries for `program`: itself if it has a slash, else one in each folder
+/// of this process's PATH.
+std::vector<std::string> candidates_for(const std::string& program) {
+  if (program.empty()) return {};
+  if (program.find('/') != std::string::npos) return {program};
+  const char* const path = std::getenv("PATH");
+  const std::string folders = path != nullptr ? path : kChildPath;
+  std::vector<std::string> found;
+  for (std::size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+    end = folders.find(':', start);
+    const std::string folder = folders.substr(start, end - start);
+    found.push_back((folder.empty() ? "." : folder) + "/" + program);
+  }
+  return found;
+}
+
+/// This process's environment, with `path_variable` instead of its own PATH.
+std::vector<char*> environment_with(std::string& path_variable) {
+  std::vector<char*> environment;
+  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+    if (std::strncmp(*entry, "PATH=", 5) != 0) environment.push_back(*entry);
+  environment.push_back(path_variable.data());
+  environment.push_back(nullptr);
+  return environment;
+}
+
 }  // namespace
 
-child_plan::child_plan(const std::string& program, const std::vector<std::string>& args) {
+child_plan::child_plan(const std::string& program, const std::vector<std::string>& args)
+    : path_variable_(std::string("PATH=") + kChildPath),
+      environment_(environment_with(path_variable_)),
+      candidates_(candidates_for(program)) {
   // execvp takes pointers to non-const and changes nothing.
   argv_.push_back(const_cast<char*>(program.c_str()));
   for (const std::string& arg : args) argv_.push_back(const_cast<char*>(arg.c_str()));
@@ -56,6 +90,7 @@ void child_plan::run_in_program_folder(const std::string& program) {
   folder_ = program_folder_.c_str();
   first_argument_ = "./" + muro::basename(program);
   argv_[0] = first_argument_.data();
+  candidates_ = {first_argument_};
 }
 
 void child_plan::run_in_folder(const std::string& program, const std::string& folder) {
@@ -63,10 +98,11 @@ void child_plan::run_in_folder(const std::string& program, const std::string& fo
   try {
     first_argument_ = muro::expand_filename(program);
     argv_[0] = first_argument_.data();
+    candidates_ = {first_argument_};
   } catch (const muro::exception&) {
     // The working folder is gone. Under its relative name another program might be found in the
     // new folder, so none is run: the child ends itself, as for every failure of its own.
-    argv_[0] = nullptr;
+    candidates_.clear();
   }
 }
 
@@ -109,18 +145,14 @@ namespace {
 }
 
 /// Handlers of the parent's would run in the child once the mask is open, and the program would
-/// inherit what is ignored. A tool must not be started with SIGPIPE ignored (it would write on into
-/// a closed pipe) nor with signals held back.
+/// inherit what is ignored, by this process or by whoever started it. A tool must not be started
+/// with SIGPIPE ignored (it would write on into a closed pipe), deaf to a request to end, nor with
+/// signals held back.
 void restore_signals() noexcept {
   struct sigaction usual {};
   usual.sa_handler = SIG_DFL;
   sigemptyset(&usual.sa_mask);  // a macro on macOS: no scope in front
-  for (int number = 1; number < NSIG; ++number) {
-    struct sigaction now {};
-    if (::sigaction(number, nullptr, &now) != 0) continue;
-    const bool ignored = now.sa_handler == SIG_IGN && number != SIGPIPE && number != SIGCHLD;
-    if (!ignored && now.sa_handler != SIG_DFL) ::sigaction(number, &usual, nullptr);
-  }
+  for (int number = 1; number < NSIG; ++number) ::sigaction(number, &usual, nullptr);
   sigset_t none;
   sigemptyset(&none);  // a macro on macOS: no scope in front
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -142,6 +174,12 @@ bool lift(int& descriptor, int target) noexcept {
   ::close(descriptor);
   descriptor = lifted;
   return true;
+}
+
+/// Whether the search goes on after a failed attempt.
+bool may_lie_elsewhere(int error) noexcept {
+  return error == ENOENT || error == ENOTDIR || error == EACCES || error == ELOOP ||
+         error == ENAMETOOLONG;
 }
 
 bool clear_close_on_exec(int descriptor) noexcept {
@@ -166,12 +204,20 @@ void child_plan::run() const noexcept {
   inherit_kept();
   if (detached_) detach_from_parent();
   if (folder_ != nullptr && ::chdir(folder_) != 0) die();
-  if (argv_[0] == nullptr) die();
   restore_signals();
-  // Not on POSIX's list, but free of locks and allocation in both systems' libraries: it reads PATH
-  // and tries the names in a buffer on the stack.
-  ::execvp(argv_[0], argv_.data());
+  execute();
   die();
+}
+
+/// Returns only when nothing can be executed. The search through PATH is done by the parent, so that
+/// each name has a slash; of execvp, which is not on POSIX's list, only that is left which hands a
+/// script without a first line to the shell, on the stack.
+void child_plan::execute() const noexcept {
+  environ = const_cast<char**>(environment_.data());
+  for (const std::string& path : candidates_) {
+    ::execvp(path.c_str(), argv_.data());
+    if (!may_lie_elsewhere(errno)) return;
+  }
 }
 
 /// Closes every open descriptor but those of `open_`, gap by gap.

@@ -24,8 +24,13 @@ struct system_calls {
 };
 extern constinit system_calls calls;
 
-/// What a child is to do. It points into `program` and `args`, which must outlive it, and into
-/// itself.
+/// What a child has for its PATH, whatever this process has: the one that launchd gives its jobs
+/// (launchd.plist(5)). This process may have been started from a shell, with folders in it that
+/// others may write to, and what it starts runs as root.
+inline constexpr char kChildPath[] = "/usr/bin:/bin:/usr/sbin:/sbin";
+
+/// What a child is to do. It points into `program` and `args`, which must outlive it, into the
+/// environment and into itself.
 class child_plan {
  public:
   child_plan(const std::string& program, const std::vector<std::string>& args);
@@ -53,12 +58,16 @@ class child_plan {
 
  private:
   [[noreturn]] void run() const noexcept;
+  void execute() const noexcept;
   void close_others() const noexcept;
   bool place_standard_descriptors() const noexcept;
   void inherit_kept() const noexcept;
 
-  std::vector<char*> argv_;     // null-terminated; argv_[0] null: cannot run
-  std::string first_argument_;  // the replaced argument 0
+  std::vector<char*> argv_;  // null-terminated
+  std::string path_variable_;
+  std::vector<char*> environment_;       // null-terminated
+  std::vector<std::string> candidates_;  // the paths to try, in order; none: cannot run
+  std::string first_argument_;           // the replaced argument 0
   std::string program_folder_;
   const char* folder_ = nullptr;  // null: stay
   std::vector<int> open_;         // not closed; sorted

@@ -15,6 +15,7 @@
 #include "muro/sys/event_wait.h"
 #include "muro/sys/pipe.h"
 #include "muro/sys/time.h"
+#include "platform/clock.h"
 
 namespace muro {
 namespace {
@@ -127,17 +128,19 @@ int wait_until(pid_t pid, long long deadline_s) {
   return exit_code;
 }
 
-/// Gives a child that is about to end up to 100 ms, without reaping it. Not through `pause_us`:
-/// this waits for something to happen and nearly always ends before its first step is over.
+/// Gives a child that is about to end up to 100 ms, without reaping it. Not through `pause_us`, nor
+/// by a host's clock: this waits for something to happen and nearly always ends before its first
+/// step is over. Signals, the one of the child's own end too, only make the steps shorter.
 void await_end(pid_t pid) {
   constexpr int kStep_ms = 2;
-  constexpr int kSteps = 50;
-  for (int step = 0; step < kSteps; ++step) {
+  constexpr long long kGrace_us = 100 * 1000;
+  const long long end_us = platform::monotonic_us() + kGrace_us;
+  do {
     siginfo_t ended{};
     if (::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0) return;
     if (ended.si_pid == pid) return;
     ::poll(nullptr, 0, kStep_ms);
-  }
+  } while (platform::monotonic_us() < end_us);
 }
 
 }  // namespace

@@ -11,10 +11,12 @@
 /// Two static functions serve most callers: `system` waits for the exit code or detaches the
 /// program for good, `system_immediate` collects what the program prints.
 ///
-/// A child has no descriptor but 0, 1, 2 and those that were asked to be kept, no handler or mask
-/// of signals from here, and SIGPIPE and SIGCHLD as the system gives them. Arguments are passed as
-/// they are, no shell sees them; execvp(3) searches PATH for a program without a slash. A child
-/// that cannot be set up kills itself, so its exit code is -9; no exception tells of it.
+/// A child has no descriptor but 0, 1, 2 and those that were asked to be kept, every signal as the
+/// system gives it and none held back, and this process's environment but for PATH, which is
+/// launchd's default: /usr/bin:/bin:/usr/sbin:/sbin. Arguments are passed as they are, no shell
+/// sees them. A program without a slash is searched for as execvp(3) does, in this process's own
+/// PATH, which the helper has set to the same at its start. A child that cannot be set up kills
+/// itself, so its exit code is -9; no exception tells of it.
 ///
 /// Exit codes: 0 to 255 is the exit status, a negative number is minus the signal that ended the
 /// child, -1 is "not known (yet)", and `kill` stores what it is given.

@@ -3,11 +3,13 @@
 
 #include <signal.h>
 #include <unistd.h>
+#include <utmpx.h>
 
 #include <filesystem>
 #include <sstream>
 
 #include "tests/front/mac.h"
+#include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
@@ -227,6 +229,35 @@ TEST_F(helper, installed_session_ensures_its_agent_and_serves_its_endpoint) {
   ASSERT_TRUE(test::wait_for_endpoint("korvel_helper_abc"));
   EXPECT_EQ(test::label_in(test::agent_file("abc")), "com.norvane.korvel.restart.abc");
   EXPECT_EQ(test::request("korvel_helper_abc", ""), "");
+}
+
+/// A login record of the console, as the only one.
+void log_in(const std::string& user) {
+  utmpx record{};
+  record.ut_type = USER_PROCESS;
+  record.ut_pid = 1;
+  user.copy(record.ut_user, sizeof record.ut_user);
+  std::string("console").copy(record.ut_line, sizeof record.ut_line);
+  test::write_file("/var/run/utmp", {reinterpret_cast<const char*>(&record), sizeof record});
+}
+
+// The agent's start asks `id`, by that name alone, for the user's number.
+TEST_F(helper, finds_programs_in_launchds_folders_wherever_its_starter_looks) {
+  log_in("root");
+  test::make_file("/opt/mallory/id", "#!/bin/sh\necho 666\n");
+  fs::permissions("/opt/mallory/id", fs::perms(0755));
+  test::make_file(test::session_file("abc"));
+  test::program program(command({"-installed", "1", "-exePath", "/x/korvel", "-restoreFile",
+                                 test::session_file("abc")}),
+                        environment({"PATH=/opt/mallory:/usr/bin:/bin"}));
+  ASSERT_TRUE(test::wait_for_endpoint("korvel_helper_abc"));
+  std::string calls;
+  test::wait_until([&calls] {
+    calls = test::content_of("/private/var/launchctl.calls");
+    return calls.find(".plist") != std::string::npos;
+  });
+  EXPECT_THAT(calls, StartsWith("bootstrap gui/0\n"));
+  test::write_file("/var/run/utmp", "");
 }
 
 TEST_F(helper, opens_closed_standard_descriptors_on_the_null_device) {

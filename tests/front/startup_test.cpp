@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 namespace {
 
 // The child makes system calls only; its exit status tells which descriptors are on the null device
@@ -45,6 +47,16 @@ TEST(standard_descriptors, open_ones_are_left_alone) {
   EXPECT_EQ(on_null_device_after_closing(false, true, false), before | 2);
   EXPECT_EQ(on_null_device_after_closing(false, false, true), before | 4);
   EXPECT_EQ(on_null_device_after_closing(true, false, true), before | 5);
+}
+
+TEST(use_default_path, sets_the_folders_that_launchd_gives_its_jobs) {
+  const std::string before = std::getenv("PATH");
+  for (const char* had : {"/home/mallory/bin:/usr/bin", ""}) {
+    ::setenv("PATH", had, 1);
+    use_default_path();
+    EXPECT_STREQ(std::getenv("PATH"), "/usr/bin:/bin:/usr/sbin:/sbin");
+  }
+  ::setenv("PATH", before.c_str(), 1);
 }
 
 }  // namespace

@@ -129,7 +129,7 @@ int show_signals(const arguments&) {
   std::string text;
   sigset_t mask;
   ::sigprocmask(SIG_SETMASK, nullptr, &mask);
-  for (int number = 1; number < 32; ++number) {
+  for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
     if (::sigaction(number, nullptr, &action) != 0) continue;
     if (action.sa_handler == SIG_IGN) text += "ignored " + std::to_string(number) + "\n";

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <climits>
@@ -159,11 +160,10 @@ std::string signals_of_a_child() {
   return text;
 }
 
-TEST(child_start, child_has_no_mask_and_the_usual_answer_to_pipe_and_child_signals) {
+TEST(child_start, child_has_no_mask_and_the_usual_answer_to_every_signal) {
   EXPECT_TRUE(holds_in_a_fork([] {
-    for (int number = 1; number < 32; ++number) ::signal(number, SIG_DFL);
-    ::signal(SIGPIPE, SIG_IGN);
-    ::signal(SIGCHLD, SIG_IGN);
+    for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_IGN);
+    ::signal(SIGCHLD, [](int) {});
     ::signal(SIGUSR1, [](int) {});
     sigset_t all;
     ::sigfillset(&all);
@@ -172,12 +172,109 @@ TEST(child_start, child_has_no_mask_and_the_usual_answer_to_pipe_and_child_signa
   }));
 }
 
-TEST(child_start, signal_ignored_for_whoever_started_us_stays_ignored) {
+TEST(child_start, detached_program_has_the_usual_answer_to_every_signal_too) {
   EXPECT_TRUE(holds_in_a_fork([] {
-    for (int number = 1; number < 32; ++number) ::signal(number, SIG_DFL);
-    ::signal(SIGHUP, SIG_IGN);
-    return signals_of_a_child() == "ignored 1\nend";
+    const test::temp_dir folder;
+    const std::string told = folder / "told";
+    for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_IGN);
+    ::signal(SIGCHLD, SIG_DFL);
+    process::system(
+        "sh", {"-c", child + " signals > " + told + ".part; mv " + told + ".part " + told}, -1);
+    return test::eventually([&] { return ::access(told.c_str(), F_OK) == 0; }) &&
+           test::read_file(told) == "end";
   }));
+}
+
+/// The environment of a child, as a program of the system's prints it.
+std::string environment_of_a_child() {
+  return process::system_immediate("/usr/bin/env", {}, nullptr, 20);
+}
+
+TEST(child_start, childs_path_is_launchds_whatever_this_process_has) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    ::setenv("PATH", "/home/mallory/bin:/usr/bin", 1);
+    ::setenv("KEPT", "as it is", 1);
+    const std::string told = "\n" + environment_of_a_child();
+    return told.find("\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n") != std::string::npos &&
+           told.find("mallory") == std::string::npos &&
+           told.find("\nKEPT=as it is\n") != std::string::npos;
+  }));
+}
+
+TEST(child_start, childs_path_is_set_when_this_process_has_none_or_two) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    ::unsetenv("PATH");
+    if (environment_of_a_child().find("PATH=/usr/bin:/bin:/usr/sbin:/sbin\n") == std::string::npos)
+      return false;
+    char first[] = "PATH=/first";
+    char second[] = "PATH=/second";
+    char* two[] = {first, second, nullptr};
+    environ = two;
+    return environment_of_a_child() == "PATH=/usr/bin:/bin:/usr/sbin:/sbin\n";
+  }));
+}
+
+/// Whether "tool" is found, and is the one in `folder`.
+bool runs_the_tool_of(const std::string& folder) {
+  return process::system_immediate("tool", {}, nullptr, 20) == folder + "\n";
+}
+
+/// A program of that name that prints where it lies.
+std::string make_tool(const test::temp_dir& root, const std::string& name, mode_t mode = 0755) {
+  const std::string folder = root / name;
+  ::mkdir(folder.c_str(), 0755);
+  test::write_file(folder + "/tool", "#!/bin/sh\necho " + folder + "\n");
+  ::chmod((folder + "/tool").c_str(), mode);
+  return folder;
+}
+
+TEST(child_start, program_without_a_slash_is_the_first_one_in_this_process_path) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    const test::temp_dir root;
+    const std::string one = make_tool(root, "one");
+    const std::string two = make_tool(root, "two");
+    ::setenv("PATH", (root / "none" + ":" + two + ":" + one).c_str(), 1);
+    return runs_the_tool_of(two);
+  }));
+}
+
+TEST(child_start, search_goes_on_after_what_is_no_program) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    const test::temp_dir root;
+    const std::string locked = make_tool(root, "locked", 0644);
+    const std::string good = make_tool(root, "good");
+    test::write_file(root / "file", "");
+    ::symlink("loop", (root / "loop").c_str());
+    ::setenv("PATH",
+             (root / "file:" + locked + ":" + (root / "loop") + ":" + std::string(5000, 'n') + ":" +
+              good)
+                 .c_str(),
+             1);
+    return runs_the_tool_of(good);
+  }));
+}
+
+TEST(child_start, empty_folder_in_the_path_is_the_working_folder) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    const test::temp_dir root;
+    const std::string here = make_tool(root, "here");
+    ::setenv("PATH", "/nowhere:", 1);
+    return ::chdir(here.c_str()) == 0 && runs_the_tool_of(here);
+  }));
+}
+
+TEST(child_start, script_without_a_first_line_is_run_by_the_shell) {
+  EXPECT_TRUE(holds_in_a_fork([] {
+    const test::temp_dir root;
+    test::write_file(root / "script", "echo \"$1\"\n");
+    ::chmod((root / "script").c_str(), 0755);
+    return process::system_immediate(root / "script", {"word"}, nullptr, 20) == "word\n";
+  }));
+}
+
+TEST(child_start, nameless_program_is_a_program_that_is_not_there) {
+  const test::short_pauses quick;
+  EXPECT_EQ(process::system("", {}, 30), -9);
 }
 
 TEST(child_start, no_handler_of_the_parents_runs_in_the_child) {

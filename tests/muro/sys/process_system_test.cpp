@@ -284,6 +284,12 @@ TEST_F(system_immediate, child_that_goes_on_after_its_output_is_killed_with_an_u
   EXPECT_LT(watch.ms(), 5000);
 }
 
+TEST_F(system_immediate, child_that_ends_soon_has_its_time_under_signals_too) {
+  const test::signal_storm storm;
+  EXPECT_EQ(run({"close-output", "8", "60"}), "");
+  EXPECT_EQ(exit_code, 8);
+}
+
 TEST_F(system_immediate, asks_for_the_status_once) {
   static int asked;
   asked = 0;
