@@ -7,6 +7,7 @@ import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
+from demo_picture import LogWatcher, Panel, picture  # noqa: E402
 from demo_roads import ROADS  # noqa: E402
 from demo_story import JsonTeller, Story, StoryEnded, Teller  # noqa: E402
 from korvel_mac import ONE_ID, KorvelMac  # noqa: E402
@@ -36,6 +37,8 @@ def parse(words):
     parser.add_argument("--road", choices=[road.ROAD for road in ROADS],
                         help="only this one of the two stories")
     parser.add_argument("--json", action="store_true", help="one JSON object for each step")
+    parser.add_argument("--timeline", metavar="FILE",
+                        help="also write the run as a picture (SVG)")
     parser.add_argument("--no-client", action="store_true",
                         help="leave the client out of the Mac; the story then fails")
     parser.add_argument("--build-dir", default="build/debug", metavar="DIR",
@@ -43,7 +46,20 @@ def parse(words):
     return parser.parse_args(words)
 
 
-def tell(story, chosen):
+def tell_road(road, mac, story, panels):
+    """Tells one chapter, and keeps what a picture of it needs."""
+    first = len(story.steps)
+    with LogWatcher(mac) as log:
+        try:
+            road(mac, story).tell()
+        finally:
+            panels.append(Panel(f"macOS {story.release}: {road.TITLE}", list(mac.events),
+                                [{**step, "begin_s": story.begin_s + step["time_s"]
+                                  - step["took_s"]} for step in story.steps[first:]],
+                                log.lines))
+
+
+def tell(story, chosen, panels):
     for release in chosen.releases or DEFAULT_RELEASES:
         for road in ROADS:
             if chosen.road in (None, road.ROAD):
@@ -52,18 +68,24 @@ def tell(story, chosen):
                     if mac.mode == "single":
                         raise NoRoot(ONE_ID)
                     story.chapter(release, road.ROAD, road.TITLE, mac.log_lines)
-                    road(mac, story).tell()
+                    if chosen.timeline:
+                        tell_road(road, mac, story, panels)
+                    else:
+                        road(mac, story).tell()
 
 
 def main(words):
     chosen = parse(words)
     story = Story(JsonTeller() if chosen.json else Teller())
+    panels = []
     try:
-        tell(story, chosen)
+        tell(story, chosen, panels)
         status = 0
     except StoryEnded:
         status = 1
     story.finish()
+    if panels:
+        pathlib.Path(chosen.timeline).write_text(picture(panels), encoding="utf-8")
     return status
 
 

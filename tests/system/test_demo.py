@@ -1,8 +1,11 @@
 """The demonstration: it succeeds, tells what it saw, and can fail."""
 
 import json
+import pathlib
 import subprocess
+import tempfile
 import unittest
+import xml.etree.ElementTree
 
 from system_case import BUILD, PYTHON, SOURCE
 
@@ -53,6 +56,22 @@ class Demo(unittest.TestCase):
         self.assertGreater(len(lines), 10)
         for line in lines:
             self.assertRegex(line, r"^ +\d+\.\d\d s  ok    [a-z -]+: expected .+; saw .+$")
+
+    def test_a_picture_of_the_run(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder, "run.svg")
+            done = demo("--release", "10.11", "--road", "socket", "--timeline", path)
+            self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+            page = xml.etree.ElementTree.parse(path).getroot()
+        kinds = [part.get("class") for part in page.iter() if part.get("class")]
+        self.assertEqual(kinds.count("restart"), 2)
+        self.assertEqual(kinds.count("call"), 3)    # load, bootstrap, bootout
+        for kind in ("daemon", "agent", "login", "window"):
+            self.assertIn(kind, kinds)
+        words = " ".join("".join(part.itertext()) for part in page.iter())
+        for text in ("register", "resign", "launchd_daemon_install: writing pinfo: ",
+                     "launchd_agent_uninstall: stopping "):
+            self.assertIn(text, words)
 
     def test_without_the_client_it_ends_with_1_and_tells_why(self):
         done = demo("--release", "12", "--road", "socket", "--no-client")
