@@ -1,11 +1,15 @@
 #include "osx/launchd_exec.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <limits>
@@ -19,7 +23,10 @@
 #include "muro/sys/unique_fd.h"
 #include "muro/sys/user_switch.h"
 #include "osx/launch_data.h"
+#include "osx/launchd_wait.h"
 #include "osx/sessions.h"
+
+constinit long long osx_priv::exchange_limit_ms = osx_priv::kExchangeLimit_ms;
 
 namespace {
 
@@ -76,6 +83,15 @@ muro::unique_fd connect_as(unsigned long long uid, const std::string& path) {
   return fd;
 }
 
+// What the helper sends fits the socket's buffer, so sending does not depend on launchd at all. More
+// than that waits for room, each time this long at most.
+void limit_sending(int fd) {
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(osx_priv::exchange_limit_ms / 1000);
+  limit.tv_usec = static_cast<suseconds_t>(osx_priv::exchange_limit_ms % 1000 * 1000);
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 // A short send is not detected; the reply, or the lack of one, tells.
 void send_message(int fd, std::string& body) {
   message_header header{kMagic, body.size() + kHeaderSize};
@@ -88,18 +104,35 @@ void send_message(int fd, std::string& body) {
   }
 }
 
-// Appends what one receive yields. Waits without limit: launchd answers when the job has started.
-std::int32_t receive_some(int fd, netbuf& reply) {
+// Waits for something to receive, the end of the connection included. False when waiting fails or
+// the time is over, with errno, ETIMEDOUT then.
+bool await_receive(int fd, const muro::time_limit& limit) {
+  pollfd entry{fd, POLLIN, 0};
+  for (;;) {
+    const long long left_ms = limit.left_ms();
+    errno = ETIMEDOUT;
+    if (left_ms == 0) return false;
+    const int ready = ::poll(&entry, 1, static_cast<int>(std::min<long long>(left_ms, INT_MAX)));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+}
+
+[[noreturn]] void fail_to_receive() {
+  throw muro::exception::system_error_context(kSendToSock, "recvmsg",
+                                              "while receiving from launchd");
+}
+
+// Appends what one receive yields.
+std::int32_t receive_some(int fd, const muro::time_limit& limit, netbuf& reply) {
+  if (!await_receive(fd, limit)) fail_to_receive();
   iovec part{reply.allocate_back(kReceiveRoom), static_cast<std::size_t>(kReceiveRoom)};
   msghdr message{};
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   errno = 0;
-  const ssize_t got = ::recvmsg(fd, &message, 0);
-  if (got <= 0 || (message.msg_flags & MSG_CTRUNC) != 0) {
-    throw muro::exception::system_error_context(kSendToSock, "recvmsg",
-                                                "while receiving from launchd");
-  }
+  const ssize_t got = ::recvmsg(fd, &message, MSG_DONTWAIT);
+  if (got <= 0 || (message.msg_flags & MSG_CTRUNC) != 0) fail_to_receive();
   reply.erase_back(kReceiveRoom - static_cast<std::int32_t>(got));
   return static_cast<std::int32_t>(got);
 }
@@ -115,10 +148,10 @@ bool is_complete(const netbuf& reply) {
   return header.length >= static_cast<unsigned>(reply.size());
 }
 
-netbuf receive_message(const muro::fmt_dbg& log, int fd) {
+netbuf receive_message(const muro::fmt_dbg& log, int fd, const muro::time_limit& limit) {
   netbuf reply;
   for (;;) {
-    const std::int32_t got = receive_some(fd, reply);
+    const std::int32_t got = receive_some(fd, limit, reply);
     if (is_complete(reply)) break;
     if (reply.size() >= kReplyLimit) throw muro::exception::function(kSendToSock);
     log.fmt_verbose("got %1% - retrying", got);
@@ -134,8 +167,10 @@ netbuf send_to_sock(unsigned long long uid, const std::string& socket_path, netb
   std::string content = body.to_string();
   log.fmt_verbose("rpc to %1%", socket_path);
   const muro::unique_fd fd = connect_as(uid, socket_path);
+  const muro::time_limit limit(osx_priv::exchange_limit_ms);
+  limit_sending(fd.get());
   send_message(fd.get(), content);
-  return receive_message(log, fd.get());
+  return receive_message(log, fd.get(), limit);
 }
 
 void launchd_call(unsigned long long uid, const std::string& socket_path, netbuf body) {

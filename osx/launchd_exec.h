@@ -14,7 +14,8 @@
 ///       8                          8
 ///
 /// No descriptors travel along. The functions run on the caller's thread, log through scopes named
-/// after themselves, and block without a time limit of their own while launchd has not answered.
+/// after themselves, and give one exchange 10 seconds in all (osx/launchd_wait.h): who stands behind
+/// the socket is the user's choice.
 
 #include <string>
 #include <vector>
@@ -41,7 +42,7 @@
 ///         ":Error from 'connect' (called in 'send_to_sock'): [cannot connect] " ...
 ///     sending fails
 ///         ":Error from 'sendmsg' (called in 'send_to_sock'): [while sending to launchd] " ...
-///     receiving fails, the peer has closed, or sends descriptors
+///     receiving fails, the time is over (ETIMEDOUT), the peer has closed, or sends descriptors
 ///         ":Error from 'recvmsg' (called in 'send_to_sock'): [while receiving from launchd] " ...
 ///
 /// "..." is errno and its text; errno is 0 where receiving ended without an error.

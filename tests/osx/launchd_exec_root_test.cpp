@@ -1,14 +1,19 @@
 #include "osx/launchd_exec.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "muro/core/exception.h"
 #include "netbuf/netbuf_imp.h"
 #include "osx/launch_data.h"
+#include "osx/launchd_wait.h"
 #include "tests/osx/mac.h"
 #include "tests/osx/scripted_launchd.h"
 #include "tests/osx/system_calls.h"
 #include "tests/support/descriptors.h"
+#include "tests/support/signal_storm.h"
+#include "tests/support/stepping_clock.h"
+#include "tests/support/stopwatch.h"
 
 namespace {
 
@@ -213,6 +218,78 @@ TEST_F(launchd_socket, a_peer_that_closes_within_the_header_is_a_failure_to_rece
 TEST_F(launchd_socket, a_reply_with_a_descriptor_is_a_failure_to_receive) {
   launchd_->reply_with_descriptor(wire_answer(0));
   EXPECT_EQ(failure(), kEnd);
+}
+
+namespace {
+
+// The time of an exchange as short as a test wants it.
+class exchange_limit {
+ public:
+  explicit exchange_limit(long long ms) { osx_priv::exchange_limit_ms = ms; }
+  ~exchange_limit() { osx_priv::exchange_limit_ms = osx_priv::kExchangeLimit_ms; }
+};
+
+constexpr char kTimeOut[] =
+    ":Error from 'recvmsg' (called in 'send_to_sock'): [while receiving from launchd] 110, "
+    "Connection timed out";
+
+}  // namespace
+
+TEST_F(launchd_socket, an_exchange_has_ten_seconds) {
+  EXPECT_EQ(osx_priv::exchange_limit_ms, 10000);
+}
+
+TEST_F(launchd_socket, a_launchd_that_does_not_answer_is_a_failure_to_receive) {
+  launchd_->reply_in_pieces({});
+  const exchange_limit limit(60);
+  const test::stopwatch watch;
+  EXPECT_EQ(failure(), kTimeOut);
+  EXPECT_GE(watch.ms(), 60);
+  EXPECT_LT(watch.ms(), 9000);
+}
+
+TEST_F(launchd_socket, a_launchd_that_stops_within_its_answer_is_a_failure_to_receive) {
+  launchd_->reply_in_pieces({"1", "2", "3"});
+  const exchange_limit limit(60);
+  EXPECT_EQ(failure(), kTimeOut);
+}
+
+TEST_F(launchd_socket, an_answer_that_trickles_gets_no_more_time_than_none) {
+  launchd_->reply_without_end(wire_message(17, "22"), "3");
+  const exchange_limit limit(150);
+  const test::stopwatch watch;
+  EXPECT_EQ(failure(), kTimeOut);
+  EXPECT_GE(watch.ms(), 150);
+  EXPECT_LT(watch.ms(), 9000);
+}
+
+TEST_F(launchd_socket, signals_and_a_wall_clock_that_is_set_do_not_change_the_time) {
+  launchd_->reply_in_pieces({});
+  const exchange_limit limit(100);
+  const test::stepping_clock clock(-3600);
+  const test::signal_storm storm;
+  const test::stopwatch watch;
+  EXPECT_EQ(failure(), kTimeOut);
+  EXPECT_GE(watch.ms(), 100);
+  EXPECT_LT(watch.ms(), 9000);
+}
+
+TEST_F(launchd_socket, a_launchd_that_neither_accepts_nor_reads_does_not_hold_the_caller) {
+  const std::string path = folder_ + "/deaf";
+  const muro::unique_fd deaf(::socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path);
+  ASSERT_EQ(::bind(deaf.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(deaf.get(), 8), 0);
+  ASSERT_EQ(::chown(path.c_str(), uid(), 20), 0);
+  open_before_.insert(deaf.get());
+  const exchange_limit limit(60);
+  const test::stopwatch watch;
+  EXPECT_EQ(failure_at(path), kTimeOut);
+  // More than any socket's buffer takes.
+  EXPECT_EQ(failure_at(path, std::string(8 << 20, 'b')), kTimeOut);
+  EXPECT_LT(watch.ms(), 9000);
 }
 
 TEST_F(launchd_socket, no_listener_is_a_failure_to_connect) {
@@ -465,6 +542,17 @@ TEST_F(launchd_job, every_exception_of_a_removal_is_ignored) {
   };
   osx::launchd_exec(uid(), {kCommand});
   EXPECT_EQ(bodies().size(), 3u);
+}
+
+TEST_F(launchd_job, a_launchd_that_is_silent_fails_each_exchange_and_all_go_on) {
+  for (int i = 0; i < 3; ++i) launchd_->reply_in_pieces({});
+  const exchange_limit limit(60);
+  osx::launchd_exec(uid(), {"/bin/true"});
+  const lines told = done("log");
+  EXPECT_EQ(told.back(), "send_to_sock: rpc to " + path_);
+  EXPECT_EQ(std::count(told.begin(), told.end(), std::string("launchd_exec: err ") + kTimeOut), 1);
+  EXPECT_TRUE(done("pause").empty());
+  EXPECT_EQ(launchd_->requests().size(), 3u);
 }
 
 TEST_F(launchd_job, another_exception_of_the_submission_passes_on) {
