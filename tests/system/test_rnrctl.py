@@ -78,3 +78,25 @@ class Rnrctl(SystemCase):
         filler = self.mac.start([PYTHON, "-ISc", FILL_QUEUE])
         self.mac.wait_until(lambda: filler.output() == b"full\n")
         self.assertIn("turn", self.tool("ping", "--timeout", "0.2", status=5))
+
+    def test_log_shows_what_the_helper_did(self):
+        self.serve()
+        self.restore_file()
+        self.tool("register", "/Users/alice/abc.dat", status=0)
+        self.mac.wait_until(lambda: self.mac.exists(korvel.agent_path("abc")))
+        done = self.mac.rnrctl("log", "--id", "abc")
+        self.assertEqual(done.status, 0, done.error_text)
+        self.assertIn(f"launchd_agent_install_only: writing pinfo: {korvel.agent_path('abc')}\n",
+                      done.text)
+
+    def test_log_follows_a_log_through_a_rotation(self):
+        line = "2026-01-02T03:04:0{}Z main: {}\n"
+        self.mac.write("/tmp/x.out", line.format(1, "first"))
+        reader = self.mac.start([self.mac.rnrctl_path, "log", "--follow", "--file", "/tmp/x.out"])
+        shown = line.format(1, "first").encode()
+        self.mac.wait_until(lambda: reader.output() == shown)
+        self.mac.sh(f"printf '{line.format(2, 'second')[:-1]}\\n' >>/tmp/x.out; mv /tmp/x.out /tmp/x.out.0")
+        self.mac.write("/tmp/x.out", line.format(3, "third"))
+        shown += (line.format(2, "second") + line.format(3, "third")).encode()
+        self.mac.wait_until(lambda: reader.output() == shown)
+        reader.kill()
