@@ -67,6 +67,7 @@ void run(const std::string& seed) {
   ::alarm(kLimit_s);
   LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
   ::alarm(0);
+  current_size = 0;
 }
 
 std::string content(const std::string& path) {
