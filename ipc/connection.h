@@ -32,7 +32,7 @@ class connection {
   muro::unique_fd descriptor_;
   int stop_;
   long long limit_ms_;
-  muro::time_limit limit_{0};
+  muro::time_limit limit_;
 };
 
 }  // namespace ipc_priv

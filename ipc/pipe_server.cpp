@@ -32,6 +32,10 @@ struct direct_transfer {
 constexpr int kRest_ms = 100;
 constexpr unsigned long long kRest_us = 1000ULL * kRest_ms;
 
+/// How often accept(2) may fail without a rest, for reasons that say nothing about the next call. A
+/// client that aborts costs one such failure, a whole queue of them less than this.
+constexpr int kFailuresWithoutRest = 32;
+
 /// The failures of accept(2) that say nothing about the next call: no client any more, or a signal.
 bool accept_may_be_repeated() {
   return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ||
@@ -126,12 +130,14 @@ bool pipe_server::wait_for_client() {
 }
 
 /// The next client, or none. A client that cannot be taken for want of descriptors or memory stays
-/// in the queue and would wake the thread again at once, so the thread rests a while first.
+/// in the queue and would wake the thread again at once, so the thread rests a while first; so it
+/// does when nothing but failures comes, whatever they are.
 muro::unique_fd pipe_server::accept_client() {
   muro::unique_fd accepted(how_.accept(listening_.get(), nullptr, nullptr));
   if (accepted.is_open()) {
+    failures_in_a_row_ = 0;
     muro::set_close_on_exec(accepted.get());
-  } else if (!accept_may_be_repeated()) {
+  } else if (!accept_may_be_repeated() || ++failures_in_a_row_ > kFailuresWithoutRest) {
     stop_within(kRest_ms);
   }
   return accepted;
@@ -168,5 +174,9 @@ bool pipe_server::wait_for_handler() {
 /// Whether the thread is told to stop now or within the time; the stop byte stays for the loop.
 bool pipe_server::stop_within(int wait_ms) {
   pollfd stop{stop_pipe_.read.get(), POLLIN, 0};
-  return ::poll(&stop, 1, wait_ms) > 0;
+  const muro::time_limit limit(wait_ms);
+  int ready;
+  while ((ready = ::poll(&stop, 1, wait_ms)) < 0 && errno == EINTR)
+    wait_ms = static_cast<int>(limit.left_ms());
+  return ready > 0;
 }

@@ -12,7 +12,9 @@
 ///
 /// Whatever is wrong with a connection costs that connection and nothing else: a frame that is
 /// broken, short or too long, a client that goes away, and one that does not send its request or
-/// take its reply within 30 seconds are dropped without a reply, and the next client is served.
+/// take its reply within 30 seconds are dropped without a reply, and the next client is served. A
+/// client that cannot be accepted, for want of descriptors or memory, waits in the queue; the
+/// thread tries again ten times a second, and so recovers by itself.
 
 #include <sys/socket.h>
 
@@ -79,5 +81,6 @@ class pipe_server : public muro::thread {
   muro::ipc* endpoint_;
   muro::pipe_ends stop_pipe_;
   settings how_;
-  bool serving_ = false;  // the owner's thread only
+  int failures_in_a_row_ = 0;  // of accept; the server's thread only
+  bool serving_ = false;       // the owner's thread only
 };

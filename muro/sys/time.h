@@ -66,6 +66,8 @@ long long wait_clock_us();
 /// and begun again, all its pieces together have `limit_ms`. Belongs to one thread.
 class time_limit {
  public:
+  /// Over from the start; asks no clock.
+  time_limit() = default;
   /// 0 or less leaves no time. Throws what a host's clock throws.
   explicit time_limit(long long limit_ms) : limit_ms_(limit_ms), start_us_(wait_clock_us()) {}
 
@@ -74,8 +76,8 @@ class time_limit {
   long long left_ms() const;
 
  private:
-  long long limit_ms_;
-  long long start_us_;
+  long long limit_ms_ = 0;
+  long long start_us_ = 0;
 };
 
 /// Makes the timer state unless an earlier use of a clock has: the relative clock counts from the

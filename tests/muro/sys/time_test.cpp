@@ -380,6 +380,7 @@ TEST(time_limit, gains_nothing_from_a_clock_that_goes_back) {
 
 TEST(time_limit, of_no_time_is_over_and_the_longest_does_not_wrap) {
   constexpr long long kLongest = std::numeric_limits<long long>::max();
+  EXPECT_EQ(muro::time_limit().left_ms(), 0);
   EXPECT_EQ(muro::time_limit(0).left_ms(), 0);
   EXPECT_EQ(muro::time_limit(-kLongest).left_ms(), 0);
   EXPECT_GT(muro::time_limit(kLongest).left_ms(), kLongest - 1000000);
