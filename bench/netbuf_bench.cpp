@@ -1,16 +1,13 @@
-/// The byte buffer beside its peers. Every workload runs once for each of them, from an empty
-/// buffer to its end.
-
-#include <benchmark/benchmark.h>
+/// The byte buffer beside its peers.
 
 #include <array>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/netbuf_peers.h"
-#include "netbuf/netbuf_imp.h"
+#include "bench/support.h"
+#include "muro/core/init.h"
 #include "osx/launch_data.h"
 
 namespace {
@@ -22,110 +19,64 @@ const std::string& bytes_of(std::size_t n) {
   return text;
 }
 
+/// The workloads: each from an empty buffer to its end.
+
 template <class Bytes>
-void append_10000_of_24(benchmark::State& state) {
+Bytes append_10000_of_24() {
   const std::string& item = bytes_of(24);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 10000; ++i) all.append(item.data(), item.size());
-    benchmark::DoNotOptimize(all);
-  }
+  Bytes all;
+  for (int i = 0; i < 10000; ++i) all.append(item.data(), item.size());
+  return all;
 }
 
 template <class Bytes>
-void prepend_1000_of_16(benchmark::State& state) {
+Bytes prepend_1000_of_16() {
   const std::string& item = bytes_of(16);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 1000; ++i) all.prepend(item.data(), item.size());
-    benchmark::DoNotOptimize(all);
-  }
+  Bytes all;
+  for (int i = 0; i < 1000; ++i) all.prepend(item.data(), item.size());
+  return all;
 }
 
 template <class Bytes>
-void grow_at_both_ends(benchmark::State& state) {
-  const std::string& item = bytes_of(16);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 500; ++i) {
-      all.append(item.data(), item.size());
-      all.prepend(item.data(), item.size());
-    }
-    benchmark::DoNotOptimize(all);
-  }
-}
-
-template <class Bytes>
-void queue_of_8192(benchmark::State& state) {
-  const std::string& item = bytes_of(128);
-  Bytes queue;
-  queue.append(bytes_of(8192).data(), 8192);
-  std::array<char, 24> head;
-  for (auto _ : state) {
-    queue.peek(head.data(), head.size());
-    benchmark::DoNotOptimize(head);
-    queue.drop_front(item.size());
-    queue.append(item.data(), item.size());
-  }
-}
-
-template <class Bytes>
-void erase_at_both_ends(benchmark::State& state) {
-  const std::string& item = bytes_of(8192);
-  for (auto _ : state) {
-    Bytes all;
-    all.append(item.data(), item.size());
-    for (int i = 0; i < 100; ++i) {
-      all.drop_front(24);
-      all.drop_back(24);
-    }
-    benchmark::DoNotOptimize(all);
-  }
-}
-
-template <class Bytes>
-void receive_160_into_8_kib(benchmark::State& state) {
+Bytes receive_160_into_8_kib() {
   const std::string& arrived = bytes_of(1400);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 160; ++i) {
-      all.receive(8192, [&](char* room) {
-        std::memcpy(room, arrived.data(), arrived.size());
-        return arrived.size();
-      });
-    }
-    benchmark::DoNotOptimize(all);
+  Bytes all;
+  for (int i = 0; i < 160; ++i) {
+    all.receive(8192, [&](char* room) {
+      std::memcpy(room, arrived.data(), arrived.size());
+      return arrived.size();
+    });
   }
+  return all;
 }
 
 template <class Bytes>
-void copy_cut_append_100(benchmark::State& state) {
-  Bytes original;
-  original.append(bytes_of(8192).data(), 8192);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 100; ++i) {
-      Bytes copy(original);
-      copy.drop_front(1000);
-      copy.drop_back(1000);
-      all.share(copy);
-    }
-    benchmark::DoNotOptimize(all);
+Bytes copy_cut_append_100() {
+  static const Bytes original = [] {
+    Bytes made;
+    made.append(bytes_of(8192).data(), 8192);
+    return made;
+  }();
+  Bytes all;
+  for (int i = 0; i < 100; ++i) {
+    Bytes copy(original);
+    copy.drop_front(1000);
+    copy.drop_back(1000);
+    all.share(copy);
   }
+  return all;
 }
 
 template <class Bytes>
-void pull_up_100_of_8_kib(benchmark::State& state) {
+std::string pull_up_100_of_8_kib() {
   const std::string& item = bytes_of(8192);
-  for (auto _ : state) {
-    Bytes all;
-    for (int i = 0; i < 100; ++i) {
-      Bytes one;
-      one.append(item.data(), item.size());
-      all.share(one);
-    }
-    benchmark::DoNotOptimize(all.to_string());
+  Bytes all;
+  for (int i = 0; i < 100; ++i) {
+    Bytes one;
+    one.append(item.data(), item.size());
+    all.share(one);
   }
+  return all.to_string();
 }
 
 /// The launchd items of which the message consists, in any buffer: a head of three words, then a
@@ -199,70 +150,99 @@ netbuf submit_job<netbuf>() {
 }
 
 template <class Bytes>
-void submit_job_to_string(benchmark::State& state) {
-  if (submit_job<Bytes>().to_string() != submit_job<bench::string_bytes>().to_string()) {
-    state.SkipWithError("not the message");
-  }
-  for (auto _ : state) benchmark::DoNotOptimize(submit_job<Bytes>().to_string());
+std::string submit_job_to_string() {
+  return submit_job<Bytes>().to_string();
 }
 
-/// What no buffer can beat: the bytes of the appends in one block of known size.
-void append_10000_of_24_into_one_block(benchmark::State& state) {
-  const std::string& item = bytes_of(24);
+/// A queue that stays as long as it is: the only workload that begins with a full buffer.
+template <class Bytes>
+void queue_of_8192(benchmark::State& state) {
+  const std::string& item = bytes_of(128);
+  Bytes queue;
+  queue.append(bytes_of(8192).data(), 8192);
+  std::array<char, 24> head;
   for (auto _ : state) {
-    auto block = std::make_unique<char[]>(10000 * item.size());
-    for (std::size_t i = 0; i < 10000; ++i) {
-      std::memcpy(block.get() + i * item.size(), item.data(), item.size());
-    }
-    benchmark::DoNotOptimize(block);
+    queue.peek(head.data(), head.size());
+    benchmark::DoNotOptimize(head);
+    queue.drop_front(item.size());
+    queue.append(item.data(), item.size());
   }
+  if (queue.to_string() != bytes_of(8192)) state.SkipWithError("wrong: another content");
 }
 
-using workload = void (*)(benchmark::State&);
-
-void add_row(const char* what, const char* peer, workload run) {
-  benchmark::RegisterBenchmark((std::string(what) + "/" + peer).c_str(), run);
+std::string content(const std::string& text) {
+  return text;
+}
+template <class Bytes>
+std::string content(const Bytes& bytes) {
+  return bytes.to_string();
 }
 
-[[maybe_unused]] void add_missing(const char* what, const char* peer) {
-  benchmark::RegisterBenchmark((std::string(what) + "/" + peer).c_str(), [](benchmark::State& s) {
-    s.SkipWithError("not measured: the peer's development package is not installed");
+/// `run()` has to give the same bytes as a string does before it is timed.
+template <class Run, class StringRun>
+void add_row(const char* what, const char* name, Run run, StringRun wanted) {
+  bench::add(std::string("netbuf/") + what, name, [run, wanted](benchmark::State& state) {
+    if (content(run()) != content(wanted())) return state.SkipWithError("wrong: another content");
+    for (auto _ : state) benchmark::DoNotOptimize(run());
   });
+}
+
+template <class Bytes>
+void add_contender(const char* name) {
+  using bench::string_bytes;
+  add_row("append", name, append_10000_of_24<Bytes>, append_10000_of_24<string_bytes>);
+  add_row("prepend", name, prepend_1000_of_16<Bytes>, prepend_1000_of_16<string_bytes>);
+  add_row("receive", name, receive_160_into_8_kib<Bytes>, receive_160_into_8_kib<string_bytes>);
+  add_row("copy_cut_append", name, copy_cut_append_100<Bytes>, copy_cut_append_100<string_bytes>);
+  add_row("pull_up", name, pull_up_100_of_8_kib<Bytes>, pull_up_100_of_8_kib<string_bytes>);
+  bench::add("netbuf/queue", name, queue_of_8192<Bytes>);
+}
+
+template <class Bytes>
+void add_submit_job(const char* name) {
+  add_row("submit_job", name, submit_job_to_string<Bytes>,
+          submit_job_to_string<bench::string_bytes>);
+}
+
+/// One block of the size that is known to be needed.
+void add_limit() {
+  using bench::flat_bytes;
+  using bench::string_bytes;
+  add_row("append", "limit", append_10000_of_24<flat_bytes<0, 240000>>,
+          append_10000_of_24<string_bytes>);
+  add_row("prepend", "limit", prepend_1000_of_16<flat_bytes<16000, 0>>,
+          prepend_1000_of_16<string_bytes>);
+  add_row("receive", "limit", receive_160_into_8_kib<flat_bytes<0, 159 * 1400 + 8192>>,
+          receive_160_into_8_kib<string_bytes>);
+}
+
+[[maybe_unused]] void add_missing(const char* name) {
+  for (const char* what :
+       {"append", "prepend", "receive", "copy_cut_append", "pull_up", "queue", "submit_job"}) {
+    bench::add_missing(std::string("netbuf/") + what, name);
+  }
 }
 
 }  // namespace
 
+int main(int argc, char** argv) {
+  const muro::init runtime;  // with the caches, as in the product
+  add_contender<bench::netbuf_bytes>("ours");
+  add_submit_job<netbuf>("ours");
+  add_limit();
+  add_contender<bench::string_bytes>("std::string");
+  add_submit_job<bench::string_bytes>("std::string");
 #ifdef KORVEL_BENCH_EVBUFFER
-#define ADD_EVBUFFER(run) add_row(#run, "evbuffer", run<bench::evbuffer_bytes>)
+  add_contender<bench::evbuffer_bytes>("evbuffer");
+  add_submit_job<bench::evbuffer_bytes>("evbuffer");
 #else
-#define ADD_EVBUFFER(run) add_missing(#run, "evbuffer")
+  add_missing("evbuffer");
 #endif
 #ifdef KORVEL_BENCH_CORD
-#define ADD_CORD(run) add_row(#run, "absl::Cord", run<bench::cord_bytes>)
+  add_contender<bench::cord_bytes>("absl::Cord");
+  add_submit_job<bench::cord_bytes>("absl::Cord");
 #else
-#define ADD_CORD(run) add_missing(#run, "absl::Cord")
+  add_missing("absl::Cord");
 #endif
-#define ADD_WORKLOAD(run)                                 \
-  add_row(#run, "netbuf", run<bench::netbuf_bytes>);      \
-  add_row(#run, "std::string", run<bench::string_bytes>); \
-  ADD_EVBUFFER(run);                                      \
-  ADD_CORD(run)
-
-int main(int argc, char** argv) {
-  netbuf_imp::install_builtin();
-  ADD_WORKLOAD(append_10000_of_24);
-  add_row("append_10000_of_24", "one block", append_10000_of_24_into_one_block);
-  ADD_WORKLOAD(prepend_1000_of_16);
-  ADD_WORKLOAD(grow_at_both_ends);
-  ADD_WORKLOAD(erase_at_both_ends);
-  ADD_WORKLOAD(queue_of_8192);
-  ADD_WORKLOAD(receive_160_into_8_kib);
-  ADD_WORKLOAD(copy_cut_append_100);
-  ADD_WORKLOAD(pull_up_100_of_8_kib);
-  ADD_WORKLOAD(submit_job_to_string);
-  add_row("submit_job_to_string", "launch_data", submit_job_to_string<netbuf>);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  return bench::run(argc, argv);
 }

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -33,7 +34,6 @@ inline std::int32_t as_length(std::size_t n) {
 
 class netbuf_bytes {
  public:
-  static constexpr const char* name = "netbuf";
   void append(const char* data, std::size_t n) {
     std::memcpy(bytes_.allocate_back(as_length(n)), data, n);
   }
@@ -57,7 +57,6 @@ class netbuf_bytes {
 
 class string_bytes {
  public:
-  static constexpr const char* name = "std::string";
   void append(const char* data, std::size_t n) { bytes_.append(data, n); }
   void prepend(const char* data, std::size_t n) { bytes_.insert(0, data, n); }
   void share(const string_bytes& other) { bytes_.append(other.bytes_); }
@@ -76,10 +75,33 @@ class string_bytes {
   std::string bytes_;
 };
 
+/// One block of memory with that much room in front of its first byte and behind it.
+template <std::size_t Front, std::size_t Back>
+class flat_bytes {
+ public:
+  void append(const char* data, std::size_t n) {
+    std::memcpy(end_, data, n);
+    end_ += n;
+  }
+  void prepend(const char* data, std::size_t n) {
+    start_ -= n;
+    std::memcpy(start_, data, n);
+  }
+  template <class Fill>
+  void receive(std::size_t, Fill fill) {
+    end_ += fill(end_);
+  }
+  std::string to_string() const { return {start_, end_}; }
+
+ private:
+  std::unique_ptr<char[]> block_{new char[Front + Back]};
+  char* start_ = block_.get() + Front;
+  char* end_ = start_;
+};
+
 #ifdef KORVEL_BENCH_EVBUFFER
 class evbuffer_bytes {
  public:
-  static constexpr const char* name = "evbuffer";
   evbuffer_bytes() : bytes_(evbuffer_new()) {}
   evbuffer_bytes(const evbuffer_bytes& other) : evbuffer_bytes() { share(other); }
   evbuffer_bytes(evbuffer_bytes&& other) noexcept : bytes_(std::exchange(other.bytes_, nullptr)) {}
@@ -126,7 +148,6 @@ class evbuffer_bytes {
 #ifdef KORVEL_BENCH_CORD
 class cord_bytes {
  public:
-  static constexpr const char* name = "absl::Cord";
   void append(const char* data, std::size_t n) { bytes_.Append(absl::string_view(data, n)); }
   void prepend(const char* data, std::size_t n) { bytes_.Prepend(absl::string_view(data, n)); }
   void share(const cord_bytes& other) { bytes_.Append(other.bytes_); }
