@@ -79,16 +79,20 @@ def main():
     parser.add_argument("--build-dir", type=pathlib.Path, required=True)
     parser.add_argument("--runs", type=int, help="executions of each target, instead of a time")
     parser.add_argument("--leaks", action="store_true", help="look for leaks after every input, not only at the end (slower)")
-    parser.add_argument("seconds", type=int, help="for all targets together")
+    parser.add_argument("seconds", nargs="?", help="for all targets together; not with --runs")
     parser.add_argument("names", nargs="*", help="the targets (default: all)")
     arguments = parser.parse_args()
     arguments.build_dir = arguments.build_dir.resolve()
+    if arguments.runs and arguments.seconds:
+        arguments.names.insert(0, arguments.seconds)
+    elif not arguments.runs and not (arguments.seconds or "").isdecimal():
+        parser.error("for how many seconds?")
     known = target_names()
     wrong = sorted(set(arguments.names) - set(known))
     if wrong:
         parser.error(f"no such target: {', '.join(wrong)} (there are: {', '.join(known)})")
     names = arguments.names or known
-    share = max(1, arguments.seconds // len(names))
+    share = 0 if arguments.runs else max(1, int(arguments.seconds) // len(names))
     print(COLUMNS.format("target", "executions", "a second", "edges", "features", "findings"))
     clean = [run_target(name, arguments, share) for name in names]
     return 0 if all(clean) else 1
