@@ -11,8 +11,8 @@
 #include "muro/sys/unique_fd.h"
 #include "muro/sys/xfile.h"
 #include "osx/agent_start.h"
+#include "osx/job_text.h"
 #include "osx/os_version.h"
-#include "osx/property_list.h"
 #include "osx/sessions.h"
 
 namespace osx {
@@ -24,26 +24,6 @@ constexpr unsigned long long kAfterRemoval_us = 100 * 1000;
 constexpr unsigned long long kBeforeAgentRemoval_us = 3000 * 1000;
 constexpr long long kRemovalTimeout_s = 1000;
 constexpr long long kDetached = -1;
-
-std::string agent_job(const std::string& label, const std::vector<std::string>& args) {
-  return muro::get_plist({
-      muro::plist_elem("Label", label),
-      muro::plist_elem("LimitLoadToSessionType", std::vector<std::string>{"Aqua", "LoginWindow"}),
-      muro::plist_elem("ProgramArguments", args),
-      muro::plist_elem("KeepAlive", true),
-      muro::plist_elem("RunAtLoad", true),
-  });
-}
-
-// Deliberate: a daemon is kept running by the older "OnDemand" false and has no "KeepAlive".
-std::string daemon_job(const std::string& label, const std::vector<std::string>& args) {
-  return muro::get_plist({
-      muro::plist_elem("Label", label),
-      muro::plist_elem("ProgramArguments", args),
-      muro::plist_elem("RunAtLoad", true),
-      muro::plist_elem("OnDemand", false),
-  });
-}
 
 void ignore_result(int) {}
 
@@ -102,7 +82,7 @@ std::string launchd_daemon_path(const std::string& label) {
 bool launchd_agent_install_only(const std::string& label, const std::vector<std::string>& args) {
   const muro::fmt_dbg log("launchd_agent_install_only");
   const std::string path = launchd_agent_path(label);
-  const std::string content = agent_job(label, args);
+  const std::string content = launchd_agent_text(label, args);
   log.fmt_verbose("writing pinfo: %1%", path);
   try {
     write_job_file(path, content);
@@ -131,7 +111,7 @@ void launchd_agent_uninstall(const std::string& label) {
 void launchd_daemon_install(const std::string& label, const std::vector<std::string>& args) {
   const muro::fmt_dbg log("launchd_daemon_install");
   const std::string path = launchd_daemon_path(label);
-  const std::string content = daemon_job(label, args);
+  const std::string content = launchd_daemon_text(label, args);
   log.fmt_verbose("writing pinfo: %1%", path);
   write_job_file(path, content);
   launchd_daemon_start(label, true);
