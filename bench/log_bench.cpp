@@ -1,0 +1,220 @@
+/// The error log beside other loggers, from its caller's side and from the file's.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "bench/log_limit.h"
+#include "bench/log_peers.h"
+#include "bench/support.h"
+#include "muro/core/init.h"
+
+namespace {
+
+constexpr std::size_t kLines = 30000;
+constexpr std::size_t kBurst = 1000;
+
+const std::vector<std::string>& lines() {
+  static const std::vector<std::string> made = [] {
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < kLines; ++i) {
+      texts.push_back("Failed to move file to /Library/Application Support/Korvel/Session " +
+                      std::to_string(10000 + i) + ": Operation not permitted");
+    }
+    return texts;
+  }();
+  return made;
+}
+
+std::string path_of(const char* row, const char* contender) {
+  static const bench::folder files;
+  return files / (std::string(row) + "-" + contender + ".log");
+}
+
+/// The first `cycle` lines were logged in turn, the next would be `next`: the file has to hold the
+/// last of them in order, whatever stands in front of their texts. A peer's head lines are left
+/// out.
+bool has_lines(const std::string& path, std::size_t at_least, std::size_t next, std::size_t cycle) {
+  std::istringstream file(bench::content_of(path));
+  std::vector<std::string> found;
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t text = line.find("Failed to move");
+    if (text != std::string::npos) found.push_back(line.substr(text));
+  }
+  for (auto text = found.rbegin(); text != found.rend(); ++text) {
+    next = (next == 0 ? cycle : next) - 1;
+    if (*text != lines()[next]) return false;
+  }
+  return found.size() >= at_least;
+}
+
+void check(benchmark::State& state, const std::string& path, std::size_t at_least, std::size_t next,
+           std::size_t cycle) {
+  if (!has_lines(path, at_least, next, cycle))
+    state.SkipWithError("wrong: other lines in the file");
+}
+
+/// The caller's time for one call, while the writer comes up and works beside it.
+template <class Logger>
+void call_in_burst(benchmark::State& state, Logger& logger) {
+  for (auto _ : state) {
+    bench::wait_until_others_sleep();
+    const bench::stopwatch watch;
+    for (std::size_t i = 0; i < kBurst; ++i) logger.log(lines()[i]);
+    state.SetIterationTime(watch.seconds() / kBurst);
+    logger.flush();
+  }
+}
+
+/// The caller's time for one call that finds the writer asleep.
+template <class Logger>
+void call_asleep(benchmark::State& state, Logger& logger) {
+  std::size_t next = 0;
+  for (auto _ : state) {
+    const std::string& line = lines()[next++ % kBurst];
+    bench::wait_until_others_sleep();
+    const bench::stopwatch watch;
+    logger.log(line);
+    state.SetIterationTime(watch.seconds());
+    logger.flush();
+  }
+}
+
+template <class Logger>
+void add_calls(const char* name) {
+  bench::add("log_call/burst", name,
+             [name](benchmark::State& state) {
+               const std::string path = path_of("burst", name);
+               Logger logger({path});
+               call_in_burst(state, logger);
+               check(state, path, kBurst, 0, kBurst);
+             })
+      ->UseManualTime()
+      ->Iterations(40);
+  bench::add("log_call/asleep", name,
+             [name](benchmark::State& state) {
+               Logger logger({path_of("asleep", name)});
+               call_asleep(state, logger);
+             })
+      ->UseManualTime()
+      ->Iterations(400);
+}
+
+void add_limit() {
+  bench::add("log_call/burst", "limit",
+             [](benchmark::State& state) {
+               bench::log_ring ring("bench");
+               call_in_burst(state, ring);
+             })
+      ->UseManualTime()
+      ->Iterations(40);
+  bench::add("log_call/asleep", "limit",
+             [](benchmark::State& state) {
+               bench::log_ring ring("bench");
+               call_asleep(state, ring);
+             })
+      ->UseManualTime()
+      ->Iterations(400);
+}
+
+template <class Logger>
+void log_and_flush(benchmark::State& state, const std::string& path) {
+  if (::truncate(path.c_str(), 0) != 0 && errno != ENOENT) std::perror("truncate");
+  Logger logger({path});
+  std::size_t next = 0;
+  for (auto _ : state) {
+    logger.log(lines()[next++ % kLines]);
+    logger.flush();
+  }
+  check(state, path, 1, next % kLines, kLines);
+}
+
+/// Standard error leads nowhere while it exists: the same for all, and the cheapest there is.
+class silent_stderr {
+ public:
+  silent_stderr() : kept_(::dup(2)) {
+    const int nowhere = ::open("/dev/null", O_WRONLY);
+    ::dup2(nowhere, 2);
+    ::close(nowhere);
+  }
+  ~silent_stderr() {
+    ::dup2(kept_, 2);
+    ::close(kept_);
+  }
+  silent_stderr(const silent_stderr&) = delete;
+  silent_stderr& operator=(const silent_stderr&) = delete;
+
+ private:
+  int kept_;
+};
+
+template <class Logger>
+void write_lines(benchmark::State& state, const bench::destination& to) {
+  const silent_stderr silent;
+  Logger logger(to);
+  for (auto _ : state) {
+    if (!to.rotation) ::truncate(to.path.c_str(), 0) == 0 ? void() : std::perror("truncate");
+    const bench::stopwatch watch;
+    for (const std::string& line : lines()) logger.log(line);
+    logger.flush();
+    state.SetIterationTime(watch.seconds());
+  }
+  if (to.rotation && ::access(to.path.c_str(), F_OK) != 0) return;  // has just become the older one
+  check(state, to.path, to.rotation ? 0 : kLines, 0, kLines);
+}
+
+template <class Logger>
+void add_files(const char* name) {
+  bench::add(
+      "log_line/flushed", name,
+      [name](benchmark::State& state) { log_and_flush<Logger>(state, path_of("line", name)); })
+      ->UseRealTime()
+      ->Iterations(300);
+  const auto add_row = [name](const char* what, bool echo, bool rotation) {
+    const std::string row = std::string("log_file/") + what;
+    bench::add(row, name,
+               [=](benchmark::State& state) {
+                 write_lines<Logger>(state, {path_of(what, name), echo, rotation});
+               })
+        ->UseManualTime()
+        ->Iterations(4);
+  };
+  add_row("lines", false, false);
+  add_row("echo", true, false);
+  add_row("rotation", false, true);
+}
+
+[[maybe_unused]] void add_missing(const char* name) {
+  for (const char* row : {"log_call/burst", "log_call/asleep", "log_line/flushed", "log_file/lines",
+                          "log_file/echo", "log_file/rotation"}) {
+    bench::add_missing(row, name);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const muro::init runtime;
+  add_calls<bench::our_log>("ours");
+  add_files<bench::our_log>("ours");
+  add_limit();
+#ifdef KORVEL_BENCH_SPDLOG
+  using bench::form;
+  add_calls<bench::spdlog_async<form::ours>>("spdlog async");
+  add_calls<bench::spdlog_async<form::own>>("spdlog async, own form");
+  add_files<bench::spdlog_async<form::ours>>("spdlog async");
+  add_files<bench::spdlog_async<form::own>>("spdlog async, own form");
+  add_files<bench::spdlog_sync<form::ours>>("spdlog sync");
+  add_files<bench::spdlog_sync<form::own>>("spdlog sync, own form");
+#else
+  add_missing("spdlog async");
+#endif
+#ifdef KORVEL_BENCH_GLOG
+  add_calls<bench::glog>("glog");
+#else
+  add_missing("glog");
+#endif
+  return bench::run(argc, argv);
+}
