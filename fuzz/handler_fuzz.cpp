@@ -18,6 +18,7 @@
 //     and one that names none changes nothing;
 //   - a restore file stands at exactly one place at all times, its content unchanged, unless its
 //     session's helper has removed that session;
+//   - a session whose agent could not be removed keeps its daemon;
 //   - where nothing failed, the system and the log are those that a model of the commands gives.
 
 #include <unistd.h>
@@ -31,12 +32,14 @@
 #include "front/installation.h"
 #include "front/session_folder.h"
 #include "fuzz/fake_system.h"
+#include "fuzz/models.h"
 #include "fuzz/target.h"
 #include "ipc/packet.h"
 #include "ipc/socket.h"
 #include "muro/core/errlog.h"
 #include "muro/core/hooks.h"
 #include "muro/core/init.h"
+#include "osx/job_files.h"
 #include "tests/support/frame_client.h"
 
 namespace {
@@ -94,14 +97,18 @@ struct command {
 };
 
 /// The command in a packet; false for a malformed one.
-bool take_command(std::string packet, command& into) {
-  try {
-    muro_packet<std::string>::pop(packet, into.name);
-    muro_packet<std::string>::pop(packet, into.argument);
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
+bool take_command(std::string_view packet, command& into) {
+  std::string_view name;
+  std::string_view argument;
+  if (fuzz::take_text(packet, name) || fuzz::take_text(packet, argument)) return false;
+  into = {std::string(name), std::string(argument)};
+  return true;
+}
+
+/// The session that a restore file's path names; nil without one.
+nil_string session_of(const std::string& path) {
+  const nil_string id = fuzz::id_of(path);
+  return fuzz::names_session(id) ? id : std::nullopt;
 }
 
 /// What is to come of one request, by the rules of the commands.
@@ -132,8 +139,8 @@ class model {
 
   void register_session(const std::string& path) {
     if (!mac_.exists(kClient)) return log.emplace_back("Korvel executable not found"), void();
-    const nil_string id = restoreIDFromFile(path);
-    if (!mac_.exists(path) || !namesSession(id) || !move(path, *id))
+    const nil_string id = session_of(path);
+    if (!mac_.exists(path) || !id || !move(path, *id))
       return log.emplace_back("Failed to move restore file"), void();
     if (!mac_.exists(kAgents)) return log.emplace_back("Failed to install agent"), void();
     mac_.files[agent_file(*id)] = std::string(kClient) + "\n--connect-restore\n" + kSessionsRoot +
@@ -155,8 +162,8 @@ class model {
   }
 
   void resign(const std::string& path) {
-    const nil_string id = restoreIDFromFile(path);
-    if (!namesSession(id)) return log.emplace_back("Failed to uninstall agent for " + path), void();
+    const nil_string id = session_of(path);
+    if (!id) return log.emplace_back("Failed to uninstall agent for " + path), void();
     mac_.files.erase(agent_file(*id));
     if (*id == own_ && mac_.files.erase(daemon_file(*id)) != 0)
       mac_.remove_tree(kSessionsRoot + *id);
@@ -171,8 +178,8 @@ fake::permission permission_for(const std::string& packet, const std::string& ow
   fake::permission granted;
   command now;
   if (!take_command(packet, now)) return granted;
-  const nil_string id = restoreIDFromFile(now.argument);
-  if (!namesSession(id)) return granted;
+  const nil_string id = session_of(now.argument);
+  if (!id) return granted;
   const bool registers = now.name == "rnr_register";
   if (!registers && now.name != "rnr_resign") return granted;
   granted.agent_label = std::string(kVeskRNRAgentName) + "." + *id;
@@ -269,6 +276,7 @@ class sequence {
     fake::system wanted = mac;
     model expected(wanted, own_);
     mac.permitted = whole ? permission_for(body, own_) : fake::permission{};
+    const bool daemon_stood = mac.exists(own_daemon_file());
     mac.next_fault = fault_;
     mac.good_operations = good_operations_;
     logged.clear();
@@ -279,6 +287,7 @@ class sequence {
     mac.next_fault = fake::fault::none;
     if (whole) expected.execute(body);
     if (!failed) check_outcome(wanted, expected.log);
+    check_daemon(daemon_stood);
     check_restore_files(whole);
     fault_ = fake::fault::none;
   }
@@ -304,6 +313,16 @@ class sequence {
     fuzz::require(logged.size() == log.size(), "as many lines are logged as the command tells");
     for (std::size_t i = 0; i < log.size(); ++i)
       fuzz::require_equal(logged[i], log[i], "the line that the command logs");
+  }
+
+  static std::string own_daemon_file() {
+    return osx::launchd_daemon_path(mac.permitted.daemon_label);
+  }
+
+  static void check_daemon(bool stood) {
+    if (stood && mac.exists(osx::launchd_agent_path(mac.permitted.agent_label)))
+      fuzz::require(mac.exists(own_daemon_file()),
+                    "a session whose agent is still there keeps its daemon");
   }
 
   void check_restore_files(bool whole) {

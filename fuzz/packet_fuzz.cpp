@@ -8,9 +8,9 @@
 //   - what was taken, pushed again in the opposite order, is taken again unchanged, and leaves
 //     nothing; a number is pushed in as few bytes as hold it.
 
-#include <cstring>
 #include <vector>
 
+#include "fuzz/models.h"
 #include "fuzz/target.h"
 #include "ipc/packet.h"
 #include "muro/core/exception.h"
@@ -23,37 +23,11 @@ struct field {
   std::string text;
 };
 
-constexpr const char* kParseError = "error parsing packet";
-constexpr const char* kTooBig = "number too big to be stored in native variable";
-
-/// The second reader: tells the error's text, or null, and cuts the field off `packet`.
-const char* take_number(std::string_view& packet, unsigned long& value) {
-  if (packet.empty()) return kParseError;
-  const std::size_t count = static_cast<unsigned char>(packet.back());
-  if (packet.size() - 1 < count) return kParseError;
-  if (count > 8) return kTooBig;
-  const std::string_view digits = packet.substr(packet.size() - 1 - count, count);
-  value = 0;
-  for (std::size_t i = 0; i < count; ++i)
-    value |= static_cast<unsigned long>(static_cast<unsigned char>(digits[i])) << (8 * i);
-  packet.remove_suffix(count + 1);
-  return nullptr;
-}
-
-const char* take_text(std::string_view& packet, std::string_view& value) {
-  unsigned long length = 0;
-  if (const char* error = take_number(packet, length)) return error;
-  if (length > packet.size()) return kParseError;
-  value = packet.substr(packet.size() - length);
-  packet.remove_suffix(length);
-  return nullptr;
-}
-
 const char* take(std::string_view& packet, bool is_text, field& into) {
   into.is_text = is_text;
-  if (!is_text) return take_number(packet, into.number);
+  if (!is_text) return fuzz::take_number(packet, into.number);
   std::string_view text;
-  const char* error = take_text(packet, text);
+  const char* error = fuzz::take_text(packet, text);
   into.text = text;
   return error;
 }
@@ -66,9 +40,9 @@ const char* pop(std::string& packet, field& into) {
     else
       muro_packet<unsigned long>::pop(packet, into.number);
   } catch (const muro::exception& error) {
-    return error.description() == kTooBig ? kTooBig
-           : error.description() == kParseError
-               ? kParseError
+    return error.description() == fuzz::kTooBig ? fuzz::kTooBig
+           : error.description() == fuzz::kParseError
+               ? fuzz::kParseError
                : "an exception with another text than those documented";
   }
   return nullptr;

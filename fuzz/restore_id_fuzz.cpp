@@ -12,32 +12,12 @@
 #include "front/installation.h"
 #include "front/paths.h"
 #include "front/session_folder.h"
+#include "fuzz/models.h"
 #include "fuzz/target.h"
 #include "ipc/endpoint.h"
 #include "osx/job_files.h"
 
 namespace {
-
-constexpr std::string_view kSuffix = ".dat";
-
-std::string_view behind_last(std::string_view text, char separator) {
-  for (std::size_t i = text.size(); i > 0; --i)
-    if (text[i - 1] == separator) return text.substr(i);
-  return text;
-}
-
-/// The rule, read one character at a time.
-nil_string id_of(std::string_view path) {
-  const std::string_view name = behind_last(behind_last(path, '/'), '\\');
-  if (name.size() < 4 || name.substr(name.size() - 4) != kSuffix) return std::nullopt;
-  std::string id;
-  for (std::size_t i = 0; i < name.size();) {
-    const bool suffix_here = name.substr(i, 4) == kSuffix;
-    if (!suffix_here) id += name[i];
-    i += suffix_here ? 4 : 1;
-  }
-  return id;
-}
 
 /// Whether the system, which reads a path up to its first zero byte, takes `path` for an entry of
 /// `folder` and for nothing else.
@@ -67,7 +47,7 @@ void check_places(const std::string& id) {
 void check_way_back(const std::string& id) {
   const nil_string again = restoreIDFromFile(sessionFolder(id) + "/" + id + ".dat");
   fuzz::require(again.has_value(), "the moved restore file has an ID");
-  if (id.find(kSuffix) == std::string::npos)
+  if (id.find(fuzz::kSuffix) == std::string::npos)
     fuzz::require_equal(*again, id, "the moved restore file has its session's ID");
 }
 
@@ -82,7 +62,7 @@ void check_components(const std::string& path, const std::string& name) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string path(reinterpret_cast<const char*>(data), size);
   const nil_string id = restoreIDFromFile(path);
-  const nil_string wanted = id_of(path);
+  const nil_string wanted = fuzz::id_of(path);
   fuzz::require(id.has_value() == wanted.has_value(), "there is an ID exactly for a .dat file");
   if (id) fuzz::require_equal(*id, *wanted, "the ID is the name without any .dat");
   if (namesSession(id)) {
