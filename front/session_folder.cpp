@@ -1,16 +1,19 @@
 #include "front/session_folder.h"
 
+#include <fcntl.h>
+
 #include "front/paths.h"
+#include "front/session_folder_rights.h"
 #include "muro/core/errlog.h"
 #include "muro/core/exception.h"
 #include "muro/sys/files.h"
 #include "muro/sys/strings.h"
+#include "muro/sys/unique_fd.h"
 
 namespace {
 
 constexpr const char* kSuffix = ".dat";
-constexpr const char* kOwner = "root";
-constexpr const char* kGroup = "admin";
+constexpr const char* kHelperName = "KorvelHelper";
 
 // How a nil string is logged: as "(null)".
 const char* text_of(const nil_string& text) {
@@ -21,23 +24,6 @@ const char* text_of(const nil_string& text) {
 bool create_in_session(const nil_string& restore_id, const std::string& below) {
   return namesSession(restore_id) &&
          createFolder(sessionFolder(*restore_id) + below, kSessionPermissions);
-}
-
-// Follows a link, as the system's file manager does.
-platform::file_outcome open_to_all(const std::string& item) {
-  return platform::set_attributes(item, kSessionPermissions, kOwner, kGroup);
-}
-
-// Deliberate: the messages differ in case and punctuation from the others, and from each other.
-void open_bundle_to_all(const muro::fmt_dbg& log, const std::string& bundle) {
-  const platform::file_outcome outcome = open_to_all(bundle);
-  if (!outcome.ok) log.fmt_verbose("failed to set permission %1%", text_of(outcome.description));
-  for (const std::string& entry : platform::subpaths(bundle)) {
-    const platform::file_outcome item = open_to_all(bundle + "/" + entry);
-    if (!item.ok)
-      log.fmt_verbose("failed to set permissions for %1%:::%2%", entry,
-                      item.description.value_or("Unknown error"));
-  }
 }
 
 }  // namespace
@@ -78,15 +64,15 @@ nil_string moveRestoreFileIfNeeded(const nil_string& path, const nil_string& res
     log.fmt_verbose("Failed to create session folder");
     return std::nullopt;
   }
-  const std::string target = sessionFolder(*restore_id) + "/" + *restore_id + kSuffix;
+  const std::string name = *restore_id + kSuffix;
   try {
-    muro::move_file(*path, target);
+    muro::move_file_into(*path, sessionFolder(*restore_id), name);
   } catch (...) {
     const std::string error = muro::system_error_string();  // before anything changes errno
     log.fmt_verbose("Failed to move file: %1%", error);
     return std::nullopt;
   }
-  return target;
+  return sessionFolder(*restore_id) + "/" + name;
 }
 
 nil_string moveHelper(const std::string& helper_path, const nil_string& restore_id) {
@@ -99,10 +85,13 @@ nil_string moveHelper(const std::string& helper_path, const nil_string& restore_
     log.fmt_verbose("Failed to create helper folder");
     return std::nullopt;
   }
-  const std::string target = sessionFolder(*restore_id) + "/helper/KorvelHelper";
+  const std::string folder = sessionFolder(*restore_id) + "/helper/";
+  const std::string target = folder + kHelperName;
   try {
-    muro::move_file(helper_path, target);
-    muro::set_executable(target);
+    // Opened first, so that it is this very file that becomes executable.
+    const muro::unique_fd helper(::open(helper_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    muro::move_file_into(helper_path, folder, kHelperName);
+    muro::set_executable_of(helper.get());
   } catch (...) {
     const std::string error = muro::system_error_string();  // before anything changes errno
     log.fmt_verbose("Failed to move file to %1%: %2%", target, error);
@@ -116,15 +105,17 @@ nil_string moveAppBundle(const nil_string& bundle_path, const nil_string& restor
   // Deliberate: goes on without the folder; the copy then fails and tells why.
   if (!create_in_session(restore_id, "/app/")) log.fmt_verbose("Failed to create bundle folder");
   platform::file_outcome outcome{false, std::nullopt};
-  std::string target;
+  std::string folder;
+  std::string name;
   if (bundle_path && namesSession(restore_id)) {
-    target = sessionFolder(*restore_id) + "/app/" + lastPathComponent(*bundle_path);
-    outcome = platform::copy_item(*bundle_path, target);
+    folder = sessionFolder(*restore_id) + "/app/";
+    name = lastPathComponent(*bundle_path);
+    outcome = platform::copy_item(*bundle_path, folder + name);
   }
   if (!outcome.ok) {
     log.fmt_verbose("Failed to move bundle: %1%", text_of(outcome.description));
     return std::nullopt;
   }
-  open_bundle_to_all(log, target);
-  return target;
+  openBundleToAll(log, folder, name);
+  return folder + name;
 }

@@ -7,6 +7,8 @@
 /// No function here logs and none throws anything but `std::bad_alloc`. Decisions stay above the
 /// seam: a function converts its arguments, makes the system's call and converts the answer back.
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -97,6 +99,46 @@ std::uint64_t thread_number();
 /// descriptor table's size is closed.
 void close_descriptors(int first, int last) noexcept;
 
+// Calls on one entry of an open folder, for whoever works where others may write: a name is looked
+// up in the folder that the descriptor stands for, wherever that has been moved, and no link can be
+// put between the two. `folder` is a folder's descriptor, and `name` one name in it; or AT_FDCWD,
+// and `name` a path. They return 0 or a descriptor, which is closed on exec and the caller's to
+// close; or -1 with errno as POSIX has it. Nothing is retried. Any thread may call.
+//
+// Linux: openat(2) and its kin. macOS: the same from 10.10 on. Before, the calling thread alone
+// enters the folder for the length of the call (platform/darwin/entries.cpp).
+
+/// Whether a link is looked at as itself, or followed.
+enum class links { kept, followed };
+/// What an entry is removed as.
+enum class entry_kind { file, folder };
+
+/// Opens an entry; `flags` as open(2) has them. Follows a link unless O_NOFOLLOW is among them.
+int open_at(int folder, const char* name, int flags, mode_t mode = 0) noexcept;
+/// Fills in `status`.
+int status_at(int folder, const char* name, struct stat& status, links which) noexcept;
+/// Makes a folder; the umask counts.
+int make_folder_at(int folder, const char* name, mode_t mode) noexcept;
+/// Removes a file or link (unlink), or an empty folder (rmdir). Never follows a link.
+int remove_at(int folder, const char* name, entry_kind kind) noexcept;
+/// A stream of the entries in `folder`, at the beginning, on a descriptor of its own; null with
+/// errno. To be closed with closedir.
+DIR* open_stream(int folder) noexcept;
+
+/// Gives `from`, a path, the name `to` in `folder`, in one step and only if nothing is there:
+/// EEXIST else, for a link that leads nowhere too. Linux: renameat2(2). macOS: renameatx_np, from
+/// 10.12 on. Where system or file system have no such call: a file gets its second name before it
+/// loses the first (link, unlink), so that it still replaces nothing but has both for an instant;
+/// for all else, and where there are no second names, a look and a rename, which could replace what
+/// appears between the two. May throw `std::bad_alloc`.
+int rename_new(const char* from, int folder, const char* to);
+
+/// Opens the folder `path` to read it and to look up its entries. A link on the way or at its end
+/// is followed only where nobody but root and this process can have put it: in a folder that is
+/// root's or the effective user's and that not everyone may write to. ELOOP else; the path
+/// /tmp/..., where /tmp is a link in "/", passes. May throw `std::bad_alloc`.
+int open_folder(const std::string& path);
+
 // The file-manager operations: `NSFileManager` on macOS, POSIX calls on Linux. They block, keep no
 // state and may be called from any thread. A path that is empty or holds a zero byte is a failure.
 // None is undone when it fails half-way.
@@ -109,25 +151,17 @@ struct file_outcome {
   nil_string description;
 };
 
-/// Makes the folder `path` and every missing folder above it with permission bits `mode`, whatever
-/// the umask (macOS: the attributes are for every new folder, NSFileManager reference). A folder that exists already counts as success and
-/// keeps its mode; any other entry at the path is a failure. Slashes at the end do not count.
+/// Makes the folder `path` with exactly the permission bits `mode`, and every missing folder above
+/// it with 0755, whatever the umask; at no instant do they have more. They belong to the effective
+/// user. A folder that exists already counts as success and keeps its mode; any other entry at the
+/// path is a failure. Slashes at the end do not count. Links: as in `open_folder`, so a link to a
+/// folder counts as that folder unless everyone may write where it lies.
 file_outcome create_folder(const std::string& path, mode_t mode);
 
 /// Copies the file or tree `from` to `to`, which must not exist yet while its parent folder does.
-/// Links are copied as links, permission bits are kept; owners are not. On Linux a folder is not
+/// That folder is opened as `open_folder` opens it, and the copy lands there whatever becomes of its
+/// path. Links are copied as links, permission bits are kept; owners are not. On Linux a folder is not
 /// copied into itself, and what is no file, folder or link is not copied; both are failures.
 file_outcome copy_item(const std::string& from, const std::string& to);
-
-/// Sets permission bits, owner and group of one item; the accounts are named. Follows a link. An
-/// account that does not exist is a failure (on Linux one without a description, and the item is
-/// not touched).
-file_outcome set_attributes(const std::string& path, mode_t mode, const char* owner,
-                            const char* group);
-
-/// Every entry below the folder `path`, as paths relative to it, a folder before what it holds.
-/// Links are listed and not followed. In the system's order otherwise. What cannot be read is left
-/// out; nothing is left when `path` itself cannot be.
-std::vector<std::string> subpaths(const std::string& path);
 
 }  // namespace platform

@@ -1,5 +1,6 @@
 #include "muro/sys/files.h"
 
+#include <fcntl.h>
 #include <limits.h>
 #include <pwd.h>
 #include <stdlib.h>
@@ -14,7 +15,9 @@
 #include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
 #include "muro/sys/files_internal.h"
+#include "muro/sys/files_walk.h"
 #include "muro/sys/strings.h"
+#include "muro/sys/unique_fd.h"
 #include "platform/platform.h"
 
 namespace muro {
@@ -24,7 +27,7 @@ unsigned user_id_override = 0;
 namespace detail {
 
 constinit std::atomic<char* (*)(const char*, char*)> g_realpath{::realpath};
-constinit std::atomic<int (*)(DIR*)> g_closedir{::closedir};
+constinit std::atomic<int (*)(DIR*)> g_closedir{close_stream_once};
 constinit std::set<std::string>* g_util_fs_set = nullptr;
 
 }  // namespace detail
@@ -124,12 +127,29 @@ std::string basename(std::string path) {
   return path;
 }
 
-void move_file(std::string from, std::string to) {
-  if (file_exists(to)) {
-    errno = EEXIST;  // stat succeeded and set none, but the log should tell the reason
+namespace {
+
+// A target that exists is told before anything is tried; one that appears later is not replaced
+// either.
+void move_to(const std::string& from, int folder, const std::string& to) {
+  struct stat status;
+  if (platform::status_at(folder, os_path(to), status, platform::links::followed) == 0) {
+    errno = EEXIST;  // the look succeeded and set none, but the log should tell the reason
     fail("move_file");
   }
-  if (::rename(os_path(from), os_path(to)) != 0) fail("move_file");
+  if (platform::rename_new(os_path(from), folder, os_path(to)) != 0) fail("move_file");
+}
+
+}  // namespace
+
+void move_file(std::string from, std::string to) {
+  move_to(from, AT_FDCWD, to);
+}
+
+void move_file_into(const std::string& from, const std::string& folder, const std::string& name) {
+  const unique_fd target(platform::open_folder(folder));
+  if (!target.is_open()) fail("move_file");
+  move_to(from, target.get(), name);
 }
 
 bool file_exists(std::string path) {
@@ -137,13 +157,26 @@ bool file_exists(std::string path) {
   return ::stat(os_path(path), &status) == 0;
 }
 
+namespace {
+
+/// Each class's execute bit lies two below its read bit.
+mode_t with_executable_bits(mode_t mode) {
+  const auto executable = (mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 2;
+  return static_cast<mode_t>((mode & 07777) | executable);
+}
+
+}  // namespace
+
 void set_executable(std::string path) {
   struct stat status;
   if (::stat(os_path(path), &status) != 0) fail("get_file_mode");
-  const auto mode = static_cast<mode_t>(status.st_mode & 07777);
-  // Each class's execute bit lies two below its read bit.
-  const auto executable = (mode & (S_IRUSR | S_IRGRP | S_IROTH)) >> 2;
-  if (::chmod(os_path(path), static_cast<mode_t>(mode | executable)) != 0) fail("set_executable");
+  if (::chmod(os_path(path), with_executable_bits(status.st_mode)) != 0) fail("set_executable");
+}
+
+void set_executable_of(int file) {
+  struct stat status;
+  if (::fstat(file, &status) != 0) fail("get_file_mode");
+  if (::fchmod(file, with_executable_bits(status.st_mode)) != 0) fail("set_executable");
 }
 
 void remove_directory(std::string path) {
@@ -163,51 +196,23 @@ bool is_folder_itself(const std::string& path) {
   return S_ISDIR(status.st_mode);
 }
 
-/// Owns an open folder.
-class folder_stream {
- public:
-  explicit folder_stream(const std::string& path) : stream_(::opendir(os_path(path))) {}
-  ~folder_stream() {
-    const errno_guard keep;
-    while (stream_ != nullptr && detail::g_closedir.load()(stream_) == -1 && errno == EINTR) {
-    }
-  }
-  folder_stream(const folder_stream&) = delete;
-  folder_stream& operator=(const folder_stream&) = delete;
-
-  /// The next entry's name; null at the end, on a failure and when the folder did not open. The
-  /// stream is this object's own, so plain `readdir` is safe on every thread; `readdir_r` is
-  /// deprecated, as no buffer is known to be long enough for every name.
-  const char* next() {
-    const dirent* const entry = stream_ != nullptr ? ::readdir(stream_) : nullptr;
-    return entry != nullptr ? entry->d_name : nullptr;
-  }
-
- private:
-  DIR* stream_;
-};
-
-/// The names are taken before anything is deleted: a tree costs one descriptor whatever its depth,
-/// and no file system can lose its place in a folder that changes while it is read.
-std::vector<std::string> entry_names(const std::string& folder) {
-  std::vector<std::string> names;
-  folder_stream stream(folder);
-  while (const char* const name = stream.next()) {
-    if (!is_dot_entry(name)) names.emplace_back(name);
-  }
-  return names;
+bool remove_step(const folder_walk& walk, bool is_folder) {
+  const auto kind = is_folder ? platform::entry_kind::folder : platform::entry_kind::file;
+  return platform::remove_at(walk.holder(), walk.name().c_str(), kind) == 0;
 }
 
 /// Deletes all that can be deleted in `folder`. Returns the `errno` of the last failure; 0: none.
 int delete_entries(const std::string& folder) {
+  constexpr int kItself = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+  using step = folder_walk::step;
   int failed = 0;
-  for (const std::string& name : entry_names(folder)) {
-    std::string entry = folder;
-    entry.append("/").append(name);
-    try {
-      delete_recursive(std::move(entry));
-    } catch (...) {
-      failed = errno != 0 ? errno : EIO;
+  folder_walk walk(unique_fd(platform::open_at(AT_FDCWD, os_path(folder), kItself)));
+  for (step at = walk.next(); at != step::end; at = walk.next()) {
+    if (at == step::folder) continue;
+    if (at == step::lost) {
+      failed = walk.error();
+    } else if (!remove_step(walk, at == step::left || walk.is_folder())) {
+      failed = errno;
     }
   }
   return failed;

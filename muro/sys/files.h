@@ -40,10 +40,16 @@ std::string dirname(std::string path);
 /// What follows the last "/" and the last "\" after it: "/a/b/" gives "". Never fails.
 std::string basename(std::string path);
 
-/// Renames `from` to `to`. Throws "move_file" when `to` exists (`errno` EEXIST) or `rename` fails;
-/// then nothing has moved. Deliberate: nothing is overwritten, and nothing is copied when the two
-/// lie on different file systems (EXDEV).
+/// Renames `from` to `to`. Throws "move_file" when `to` exists (`errno` EEXIST) or the renaming
+/// fails; then nothing has moved. Deliberate: nothing is overwritten, also no target that appears
+/// in the last instant and no link that leads nowhere (`platform::rename_new` tells the limits),
+/// and nothing is copied when the two lie on different file systems (EXDEV). What is moved is the
+/// entry itself, whatever its kind: it is not opened.
 void move_file(std::string from, std::string to);
+
+/// `move_file` to the entry `name` of `folder`, for a folder in which others may write: it is opened
+/// as `platform::open_folder` does, so that no link leads the file elsewhere.
+void move_file_into(const std::string& from, const std::string& folder, const std::string& name);
 
 /// True exactly when `stat` succeeds, so false for a link that leads nowhere.
 bool file_exists(std::string path);
@@ -52,14 +58,18 @@ bool file_exists(std::string path);
 /// may read gains nothing. Throws "get_file_mode", "set_executable".
 void set_executable(std::string path);
 
+/// `set_executable` for the open file `file`, whatever has become of its name.
+void set_executable_of(int file);
+
 /// Throws "remove_directory"/"rmdir".
 void remove_directory(std::string path);
 
 /// Throws "delete_file"/"unlink".
 void delete_file(std::string path);
 
-/// Deletes a file, a link or a whole tree; no link is followed. In a tree the first failure does
-/// not end the work: all that can go goes. Throws "delete_recursive" when `path` cannot be looked
+/// Deletes a file, a link or a whole tree; no link is followed, none that is put into the tree
+/// meanwhile either, and neither stack nor descriptors grow with the depth. In a tree the first
+/// failure does not end the work: all that can go goes. Throws "delete_recursive" when `path` cannot be looked
 /// at, or when an entry failed although its folder went in the end; "delete_file"/"unlink" for a
 /// `path` that is no folder; "remove_directory"/"rmdir" for a folder that stays (`errno` ENOTEMPTY
 /// when entries failed).

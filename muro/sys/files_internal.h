@@ -15,6 +15,11 @@ namespace muro::detail {
 extern std::atomic<char* (*)(const char*, char*)> g_realpath;
 extern std::atomic<int (*)(DIR*)> g_closedir;
 
+/// `closedir`, once: what is in `g_closedir` when no test is. Its caller repeats what reports EINTR,
+/// as an interrupted close that left the stream open would ask for. The C library's does not leave
+/// it open, so an interruption of it counts as success here and the stream is never touched again.
+int close_stream_once(DIR* stream);
+
 /// The path for the system. It would see only what stands in front of a zero byte, which is another
 /// file; so such a path becomes the empty one, which every call refuses with ENOENT.
 inline const char* os_path(const std::string& path) {

@@ -3,9 +3,12 @@
 
 #import <Foundation/Foundation.h>
 
-#include <utility>
+#include <cerrno>
 
+#include "platform/darwin/newer_calls.h"
 #include "platform/platform.h"
+#include "platform/posix/descriptor.h"
+#include "platform/posix/folders.h"
 
 namespace platform {
 
@@ -38,11 +41,10 @@ file_outcome outcome_of(BOOL ok, NSError* error) {
   return {false, text_of([error localizedDescription])};
 }
 
-constexpr NSUInteger kModeAlone = 1;
-constexpr NSUInteger kModeAndAccounts = 3;
-
-NSNumber* permissions(mode_t mode) {
-  return [NSNumber numberWithUnsignedShort:static_cast<unsigned short>(mode)];
+/// The system's description of `error`, an errno.
+nil_string description_of(int error) {
+  return text_of([[NSError errorWithDomain:NSPOSIXErrorDomain code:error
+                                  userInfo:nil] localizedDescription]);
 }
 
 }  // namespace
@@ -63,62 +65,28 @@ autorelease_pool::autorelease_pool() : pool_([[NSAutoreleasePool alloc] init]) {
 
 autorelease_pool::~autorelease_pool() { [static_cast<NSAutoreleasePool*>(pool_) drain]; }
 
+// By plain calls: the file manager's own would give every new folder the mode, by path and after
+// making it wider, and would follow any link.
 file_outcome create_folder(const std::string& path, mode_t mode) {
   const autorelease_pool pool;
-  NSString* folder = path_from(path);
-  if (folder == nil) return {false, std::nullopt};
-  const id keys[] = {NSFilePosixPermissions};
-  const id values[] = {permissions(mode)};
-  NSDictionary* attributes = [NSDictionary dictionaryWithObjects:values
-                                                         forKeys:keys
-                                                           count:kModeAlone];
-  NSError* error = nil;
-  const BOOL ok = [[NSFileManager defaultManager] createDirectoryAtPath:folder
-                                            withIntermediateDirectories:YES
-                                                             attributes:attributes
-                                                                  error:&error];
-  return outcome_of(ok, error);
+  if (detail::make_folders(path, mode)) return {true, std::nullopt};
+  return {false, description_of(errno)};
 }
 
 file_outcome copy_item(const std::string& from, const std::string& to) {
   const autorelease_pool pool;
+  if (path_from(to) == nil) return {false, std::nullopt};
+  const descriptor folder = detail::open_parent(to);
+  if (!folder.is_open()) return {false, description_of(errno)};
   NSString* source = path_from(from);
-  NSString* target = path_from(to);
+  NSString* target = path_from(detail::path_of_folder(folder.get(), detail::parent_of(to)) + "/" +
+                               detail::last_name(to));
   if (source == nil || target == nil) return {false, std::nullopt};
   NSError* error = nil;
   const BOOL ok = [[NSFileManager defaultManager] copyItemAtPath:source
                                                           toPath:target
                                                            error:&error];
   return outcome_of(ok, error);
-}
-
-file_outcome set_attributes(const std::string& path, mode_t mode, const char* owner,
-                            const char* group) {
-  const autorelease_pool pool;
-  NSString* item = path_from(path);
-  const id keys[] = {NSFilePosixPermissions, NSFileOwnerAccountName, NSFileGroupOwnerAccountName};
-  const id values[] = {permissions(mode), string_from(owner), string_from(group)};
-  if (item == nil || values[1] == nil || values[2] == nil) return {false, std::nullopt};
-  NSDictionary* attributes = [NSDictionary dictionaryWithObjects:values
-                                                         forKeys:keys
-                                                           count:kModeAndAccounts];
-  NSError* error = nil;
-  const BOOL ok = [[NSFileManager defaultManager] setAttributes:attributes
-                                                   ofItemAtPath:item
-                                                          error:&error];
-  return outcome_of(ok, error);
-}
-
-std::vector<std::string> subpaths(const std::string& path) {
-  const autorelease_pool pool;
-  std::vector<std::string> paths;
-  NSString* folder = path_from(path);
-  if (folder == nil) return paths;
-  NSArray* found = [[NSFileManager defaultManager] subpathsAtPath:folder];
-  const NSUInteger count = [found count];
-  for (NSUInteger i = 0; i < count; ++i)
-    if (nil_string name = text_of([found objectAtIndex:i])) paths.push_back(*std::move(name));
-  return paths;
 }
 
 }  // namespace platform

@@ -5,6 +5,12 @@ from system_case import PYTHON, SystemCase, UNTRACED
 
 ABC = "/Users/alice/abc.dat"
 
+# Every form of a call that the helper may make.
+MKDIR = "mkdir,mkdirat"
+RENAME = "rename,renameat,renameat2"
+CHMOD = "chmod,fchmod,fchmodat"
+CHOWN = "chown,fchown,lchown,fchownat"
+
 # Looks without a pause until it is told to stop: the old place first, then the new one, as the
 # file only moves that way; and the other way about for a file that would be at both.
 WATCH = f"""
@@ -73,16 +79,15 @@ class Killed(SystemCase):
         return reached
 
     def test_before_and_after_the_file_moves(self):
-        self.assertEqual(self.sweep([("mkdir", 1), ("mkdir", 2), ("rename", 1)]), {ABC})
-        self.assertEqual(self.sweep([("rename", 2), ("mkdir", 5)]), {korvel.restore_path("abc")})
+        self.assertEqual(self.sweep([(MKDIR, 1), (MKDIR, 2), (RENAME, 1)]), {ABC})
+        self.assertEqual(self.sweep([(RENAME, 2), (MKDIR, 5)]), {korvel.restore_path("abc")})
 
     def test_while_the_bundle_is_copied(self):
         moved = {korvel.restore_path("abc")}
-        self.assertEqual(self.sweep([("chmod,fchmod,fchmodat", 6), ("chown,lchown,fchownat", 3)]),
-                         moved)
+        self.assertEqual(self.sweep([(CHMOD, 6), (CHOWN, 3)]), moved)
 
     def test_a_run_after_a_kill_before_the_move_installs(self):
-        self.assertTrue(self.kill_at("rename", 1))
+        self.assertTrue(self.kill_at(RENAME, 1))
         self.run_helper("-restoreFile", ABC, "-exePath", korvel.CLIENT_BUNDLE)
         self.assert_exists(korvel.restore_path("abc"), korvel.daemon_path("abc"))
 
@@ -91,7 +96,8 @@ class Killed(SystemCase):
         for number, place in ((1, ABC), (2, korvel.restore_path("abc"))):
             self.mac.sh("rm -rf /Library/VeskRuntime /tmp/*.ipc")
             self.restore_file()
-            call = "rename" if number == 1 else "fchmodat,chmod"
+            # The second form is that of the job file alone, once it is written.
+            call = RENAME if number == 1 else "chmod,fchmodat"
             when = 1 if number == 1 else "2+"
             self.mac.start(["/usr/bin/strace", "-f", "-qq", "-o", "/dev/null",
                             "-e", f"trace={call}",

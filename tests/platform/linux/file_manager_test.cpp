@@ -27,18 +27,6 @@ TEST_F(linux_file_manager, tells_a_failure_with_the_systems_text) {
   EXPECT_EQ(platform::create_folder(at("file/a"), 0777).description, std::strerror(EEXIST));
   EXPECT_EQ(platform::copy_item(at("none"), at("to")).description, std::strerror(ENOENT));
   EXPECT_EQ(platform::copy_item(at("file"), at("file")).description, std::strerror(EEXIST));
-  EXPECT_EQ(platform::set_attributes(at("none"), 0777, "root", "root").description,
-            std::strerror(ENOENT));
-}
-
-TEST_F(linux_file_manager, unknown_account_is_a_failure_without_a_text_and_changes_nothing) {
-  test::write_file(at("file"), "x");
-  fs::permissions(at("file"), fs::perms(0640));
-  const auto no_group = platform::set_attributes(at("file"), 0777, "root", "no-such-group");
-  EXPECT_FALSE(no_group.ok);
-  EXPECT_EQ(no_group.description, std::nullopt);
-  EXPECT_FALSE(platform::set_attributes(at("file"), 0777, "no-such-user", "root").ok);
-  EXPECT_EQ(fs::status(at("file")).permissions(), fs::perms(0640));
 }
 
 TEST_F(linux_file_manager, zero_byte_in_a_path_is_a_failure_and_acts_on_nothing) {
@@ -46,8 +34,6 @@ TEST_F(linux_file_manager, zero_byte_in_a_path_is_a_failure_and_acts_on_nothing)
   EXPECT_FALSE(platform::create_folder(odd, 0777).ok);
   EXPECT_FALSE(fs::exists(at("cut")));
   EXPECT_FALSE(platform::copy_item(folder_.path(), odd).ok);
-  EXPECT_FALSE(platform::set_attributes(odd, 0777, "root", "root").ok);
-  EXPECT_TRUE(platform::subpaths(odd).empty());
 }
 
 TEST_F(linux_file_manager, does_not_copy_a_folder_into_itself) {

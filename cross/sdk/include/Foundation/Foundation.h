@@ -37,20 +37,11 @@ __attribute__((objc_root_class))
 - (NSUInteger)lengthOfBytesUsingEncoding:(NSStringEncoding)encoding;
 @end
 
-@interface NSNumber : NSObject
-+ (NSNumber*)numberWithUnsignedShort:(unsigned short)value;
-@end
-
-@interface NSArray : NSObject
-- (NSUInteger)count;
-- (id)objectAtIndex:(NSUInteger)index;
-@end
-
 @interface NSDictionary : NSObject
-+ (id)dictionaryWithObjects:(const id*)objects forKeys:(const id*)keys count:(NSUInteger)count;
 @end
 
 @interface NSError : NSObject
++ (id)errorWithDomain:(NSString*)domain code:(NSInteger)code userInfo:(NSDictionary*)info;
 - (NSString*)localizedDescription;
 @end
 
@@ -62,17 +53,9 @@ __attribute__((objc_root_class))
 
 @interface NSFileManager : NSObject
 + (NSFileManager*)defaultManager;
-- (BOOL)createDirectoryAtPath:(NSString*)path
-    withIntermediateDirectories:(BOOL)intermediates
-                     attributes:(NSDictionary*)attributes
-                          error:(NSError**)error;
 - (BOOL)copyItemAtPath:(NSString*)from toPath:(NSString*)to error:(NSError**)error;
-- (BOOL)setAttributes:(NSDictionary*)attributes ofItemAtPath:(NSString*)path error:(NSError**)error;
-- (NSArray*)subpathsAtPath:(NSString*)path;
 @end
 
 extern "C" {
-extern NSString* const NSFilePosixPermissions;
-extern NSString* const NSFileOwnerAccountName;
-extern NSString* const NSFileGroupOwnerAccountName;
+extern NSString* const NSPOSIXErrorDomain;
 }
