@@ -1,6 +1,5 @@
 #include "osx/job_files.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,7 +7,6 @@
 #include "muro/core/exception.h"
 #include "muro/sys/process.h"
 #include "muro/sys/time.h"
-#include "muro/sys/unique_fd.h"
 #include "muro/sys/xfile.h"
 #include "osx/agent_start.h"
 #include "osx/job_text.h"
@@ -27,26 +25,24 @@ constexpr long long kDetached = -1;
 
 void ignore_result(int) {}
 
-// Gives the file its owner and mode while it is still empty. A stream creates its file with mode
-// 0666 less the umask, and the umask that an installer passes on may be 0. Changing the umask would
-// touch every thread; creating the file first touches nothing else. Failures are left to the
-// writing that follows, which names them.
-void create_guarded(const std::string& path) {
-  const muro::unique_fd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kJobFileMode));
-  if (!file.is_open()) return;
-  ignore_result(::fchown(file.get(), 0, 0));
-  ignore_result(::fchmod(file.get(), kJobFileMode));
+// Where a job file is written before it is one: launchd takes files ending in ".plist" alone for
+// jobs (launchctl(1), load), and no other job's file has this name. No longer than the job file's.
+std::string unfinished(const std::string& path) {
+  return path.substr(0, path.rfind('.')) + ".new";
+}
+
+// Deliberate: a job file that keeps other rights is left to launchd, which refuses it.
+void give_to_launchd(const char* path) {
+  ignore_result(::chmod(path, kJobFileMode));
+  ignore_result(::chown(path, 0, 0));
 }
 
 void write_job_file(const std::string& path, const std::string& content) {
-  create_guarded(path);
-  muro::put_file(path, content);
-  // Deliberate: a job file that keeps other rights is left to launchd, which refuses it.
-  ignore_result(::chmod(path.c_str(), kJobFileMode));
-  ignore_result(::chown(path.c_str(), 0, 0));
+  muro::replace_file(path, unfinished(path), content, give_to_launchd);
 }
 
 void remove_job_file(const std::string& path) {
+  ::unlink(unfinished(path).c_str());  // left where the writer was killed
   try {
     muro::process::system("/bin/rm", {"-fr", path}, kRemovalTimeout_s);
     muro::pause_us(kAfterRemoval_us);

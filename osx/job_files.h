@@ -6,7 +6,10 @@
 /// /Library/LaunchAgents. A daemon runs once for the system; its file lies in
 /// /Library/LaunchDaemons. Both are named after the job's label with ".plist", owned by user 0 and
 /// group 0, mode 0644 (launchd.plist(5), launchctl(1)). A file is never writable by others, at no
-/// instant and whatever the umask; an existing file is replaced.
+/// instant and whatever the umask. It appears whole or not at all, and replaces an existing one in
+/// one step: it is written as LABEL.new in the same folder, gets mode and owner there, and is
+/// renamed. A failure leaves what was there before; a kill may leave LABEL.new besides, which is no
+/// job and goes with the next writing or removal.
 ///
 /// Labels are used as they are. `args` is the program to run and its arguments. All operations need
 /// root, run on the caller's thread and block as told; they are not meant to run at once for the
@@ -34,7 +37,7 @@ void launchd_agent_install(const std::string& label, const std::vector<std::stri
 /// file, present or not. Throws what stopping in a session throws; the file then stays.
 void launchd_agent_uninstall(const std::string& label);
 
-/// Writes the daemon's job file and loads it. Throws what `muro::put_file` throws, with nothing
+/// Writes the daemon's job file and loads it. Throws what `muro::replace_file` throws, with nothing
 /// loaded, and what `launchd_daemon_start` throws.
 void launchd_daemon_install(const std::string& label, const std::vector<std::string>& args);
 

@@ -10,6 +10,7 @@
 #include "muro/core/exception.h"
 #include "muro/core/fmt.h"
 #include "muro/sys/files_internal.h"
+#include "muro/sys/unique_fd.h"
 
 namespace muro {
 
@@ -31,6 +32,15 @@ void create_missing(const std::string& path) {
   const int descriptor =
       ::open(detail::os_path(path), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (descriptor >= 0) ::close(descriptor);
+}
+
+[[noreturn]] void throw_failure(const char* function, const std::string& path) {
+  const errno_guard keep;
+  // Without the colon in front that the exception's own factories write.
+  exception failure("");
+  failure.stream() << stringify(keep.value(), " (", safe_strerror(keep.value()),
+                                ") function=", function, " file=", path);
+  throw failure;
 }
 
 }  // namespace
@@ -129,19 +139,58 @@ std::string xfile::get_mode(int m, int& open_flags) {
 }
 
 void xfile::fail(const char* function) const {
-  if (!throw_on_error_) return;
-  const errno_guard keep;
-  // Without the colon in front that the exception's own factories write.
-  exception failure("");
-  failure.stream() << stringify(keep.value(), " (", safe_strerror(keep.value()),
-                                ") function=", function, " file=", path_);
-  throw failure;
+  if (throw_on_error_) throw_failure(function, path_);
 }
 
 void put_file(std::string path, const std::string& content) {
   xfile file(std::move(path), xfile::write_only, true);
   file.write(content);
   file.close();
+}
+
+namespace {
+
+/// Takes a file away at the end of its scope, unless it has become what it was made for.
+class unfinished_file {
+ public:
+  explicit unfinished_file(const std::string& path) : path_(path) {}
+  ~unfinished_file() {
+    const errno_guard keep;
+    if (!is_finished_) ::unlink(detail::os_path(path_));
+  }
+  unfinished_file(const unfinished_file&) = delete;
+  unfinished_file& operator=(const unfinished_file&) = delete;
+
+  void finish() { is_finished_ = true; }
+
+ private:
+  const std::string& path_;
+  bool is_finished_ = false;
+};
+
+bool write_whole(int file, const std::string& content) {
+  for (std::size_t at = 0; at < content.size();) {
+    const ssize_t written = ::write(file, content.data() + at, content.size() - at);
+    if (written < 0 && errno != EINTR) return false;
+    if (written > 0) at += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace
+
+void replace_file(const std::string& path, const std::string& beside, const std::string& content,
+                  void (*prepare)(const char* beside)) {
+  constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  ::unlink(detail::os_path(beside));  // left by a process that was killed
+  unique_fd file(::open(detail::os_path(beside), kNew, 0600));
+  if (!file.is_open()) throw_failure("fopen", path);
+  unfinished_file made(beside);
+  if (!write_whole(file.get(), content)) throw_failure("fwrite", path);
+  if (::close(file.release()) != 0) throw_failure("fclose", path);
+  prepare(detail::os_path(beside));
+  if (::rename(detail::os_path(beside), detail::os_path(path)) != 0) throw_failure("fopen", path);
+  made.finish();
 }
 
 }  // namespace muro

@@ -85,4 +85,13 @@ class xfile {
 /// written so far stays then.
 void put_file(std::string path, const std::string& content);
 
+/// Writes a whole file anew beside `path` and puts it in the place of `path` in one step, whatever
+/// was there: at every instant `path` is what it was, or the whole new file. `beside` is a path in
+/// the same folder; what stands there goes. The new file is the effective user's with mode 0600
+/// until `prepare` has been called with its path, once it is written and closed; nobody else can
+/// open it before. A failure throws as `put_file` does, with `path` in the text; "fopen" is also the
+/// name of a failed renaming. `path` is untouched then and nothing stays at `beside`.
+void replace_file(const std::string& path, const std::string& beside, const std::string& content,
+                  void (*prepare)(const char* beside));
+
 }  // namespace muro

@@ -1,5 +1,6 @@
 #include "osx/job_files.h"
 
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -89,6 +90,36 @@ class full_disk {
  private:
   rlimit before_{};
 };
+
+/// A disk of a few pages at `folder`.
+class small_disk {
+ public:
+  explicit small_disk(const char* folder) : folder_(folder) {
+    EXPECT_EQ(::mount("tmpfs", folder, "tmpfs", 0, "size=16k"), 0);
+  }
+  ~small_disk() { ::umount2(folder_, MNT_DETACH); }
+  small_disk(const small_disk&) = delete;
+  small_disk& operator=(const small_disk&) = delete;
+
+ private:
+  const char* folder_;
+};
+
+lines entries(const std::string& folder) {
+  lines names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    names.push_back(entry.path().filename());
+  return names;
+}
+
+std::string failure_of(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const muro::exception& e) {
+    return e.description();
+  }
+  return "nothing was thrown";
+}
 
 class with_umask {
  public:
@@ -189,21 +220,104 @@ TEST_F(job_files, the_mode_does_not_depend_on_the_umask) {
   }
 }
 
-// Where writing breaks off no chmod follows, so the file shows what it was created with.
-TEST_F(job_files, no_umask_makes_a_new_file_writable_by_others_at_any_instant) {
-  const with_umask none(0);
+TEST_F(job_files, a_full_disk_leaves_no_file) {
   const full_disk full;
   EXPECT_FALSE(osx::launchd_agent_install_only(kLabel, kArgs));
-  EXPECT_EQ(rights_of(kAgentPath), kJobFile);
+  EXPECT_TRUE(std::filesystem::is_empty("/Library/LaunchAgents"));
 }
 
-TEST_F(job_files, an_existing_file_is_closed_to_others_before_it_is_written) {
-  test::write_file(kAgentPath, "");
-  ASSERT_EQ(::chmod(kAgentPath, 0666), 0);
-  ASSERT_EQ(::chown(kAgentPath, has_users() ? 501 : 0, 20), 0);
+TEST_F(job_files, a_full_disk_leaves_an_old_file_as_it_was) {
+  test::write_file(kAgentPath, "old");
   const full_disk full;
   EXPECT_FALSE(osx::launchd_agent_install_only(kLabel, kArgs));
+  EXPECT_EQ(test::read_file(kAgentPath), "old");
+  EXPECT_EQ(entries("/Library/LaunchAgents"), lines{"com.example.job.plist"});
+}
+
+TEST_F(job_files, a_daemons_file_on_a_full_disk_throws_and_loads_nothing) {
+  const full_disk full;
+  EXPECT_EQ(failure_of([] { osx::launchd_daemon_install(kLabel, kArgs); }),
+            "27 (File too large) function=fwrite file=" + std::string(kDaemonPath));
+  EXPECT_TRUE(std::filesystem::is_empty("/Library/LaunchDaemons"));
+  EXPECT_EQ(done("run"), lines{});
+}
+
+// A disk on which a part of the file has room: what is written first goes again.
+TEST_F(job_files, a_disk_that_fills_half_way_leaves_no_file) {
+  const small_disk disk("/Library/LaunchAgents");
+  const lines many(2000, "an argument");
+  EXPECT_FALSE(osx::launchd_agent_install_only(kLabel, many));
+  EXPECT_TRUE(std::filesystem::is_empty("/Library/LaunchAgents"));
+  EXPECT_TRUE(osx::launchd_agent_install_only(kLabel, kArgs));
+}
+
+TEST_F(job_files, a_folder_that_takes_no_file_is_told_by_the_job_files_name) {
+  std::filesystem::remove("/Library/LaunchDaemons");
+  EXPECT_EQ(failure_of([] { osx::launchd_daemon_install(kLabel, kArgs); }),
+            "2 (No such file or directory) function=fopen file=" + std::string(kDaemonPath));
+  std::filesystem::create_directory("/Library/LaunchDaemons");
+}
+
+TEST_F(job_files, a_failed_close_leaves_no_file) {
+  test::system_calls calls;
+  test::watched = &calls;
+  calls.close_error = EIO;
+  const std::string failure = failure_of([] { osx::launchd_daemon_install(kLabel, kArgs); });
+  test::watched = nullptr;
+  EXPECT_EQ(failure, "5 (Input/output error) function=fclose file=" + std::string(kDaemonPath));
+  EXPECT_TRUE(std::filesystem::is_empty("/Library/LaunchDaemons"));
+}
+
+// What the file looks like when it becomes visible, and what is there until then.
+TEST_F(job_files, a_file_becomes_visible_whole_and_with_its_rights) {
+  const with_umask none(0);
+  test::write_file(kAgentPath, "old");
+  test::system_calls calls;
+  rights written{};
+  std::string before;
+  std::string after;
+  calls.at_rename = [&](const char* from, const char*) {
+    written = rights_of(from);
+    before = test::read_file(kAgentPath);
+    after = test::read_file(from);
+  };
+  test::watched = &calls;
+  EXPECT_TRUE(osx::launchd_agent_install_only(kLabel, kArgs));
+  test::watched = nullptr;
+  EXPECT_EQ(written, kJobFile);
+  EXPECT_EQ(before, "old");
+  EXPECT_EQ(after, std::string(kHead) + kSessions + kArguments + kAgentEnd);
+}
+
+TEST_F(job_files, a_file_is_closed_to_everyone_else_until_it_is_launchds) {
+  const with_umask none(0);
+  test::system_calls calls;
+  mode_t first = 0;
+  calls.at_chmod = [&](const char* path) { first = rights_of(path).mode; };
+  test::watched = &calls;
+  osx::launchd_agent_install_only(kLabel, kArgs);
+  test::watched = nullptr;
+  EXPECT_EQ(first, 0600U);
+}
+
+TEST_F(job_files, what_a_killed_writer_left_is_no_job_and_goes) {
+  test::write_file("/Library/LaunchAgents/com.example.job.new", "<plist");
+  EXPECT_TRUE(osx::launchd_agent_install_only(kLabel, kArgs));
+  EXPECT_EQ(entries("/Library/LaunchAgents"), lines{"com.example.job.plist"});
+  test::write_file("/Library/LaunchDaemons/com.example.job.new", "<plist");
+  osx::launchd_daemon_uninstall(kLabel);
+  EXPECT_EQ(entries("/Library/LaunchDaemons"), lines{});
+}
+
+TEST_F(job_files, neither_of_the_two_names_is_followed_when_it_is_a_link) {
+  test::write_file("/private/var/victim", "kept");
+  for (const char* name : {kAgentPath, "/Library/LaunchAgents/com.example.job.new"})
+    std::filesystem::create_symlink("/private/var/victim", name);
+  EXPECT_TRUE(osx::launchd_agent_install_only(kLabel, kArgs));
+  EXPECT_EQ(test::read_file("/private/var/victim"), "kept");
+  EXPECT_FALSE(std::filesystem::is_symlink(kAgentPath));
   EXPECT_EQ(rights_of(kAgentPath), kJobFile);
+  std::filesystem::remove("/private/var/victim");
 }
 
 TEST_F(job_files, get_their_mode_and_then_their_owner_once_they_are_written) {

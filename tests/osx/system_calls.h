@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,8 +16,14 @@ struct system_calls {
   /// Not 0: the call fails with that errno.
   int socket_error = 0;
   int sendmsg_error = 0;
+  /// The file is closed all the same.
+  int close_error = 0;
   /// Not 0: what a `seteuid` or `sendmsg` that succeeds leaves in errno.
   int errno_after_success = 0;
+
+  /// Called with the paths before the call.
+  std::function<void(const char* from, const char* to)> at_rename;
+  std::function<void(const char* path)> at_chmod;
 
   /// The address length of every `connect`.
   std::vector<socklen_t> connect_lengths;

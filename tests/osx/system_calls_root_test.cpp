@@ -86,7 +86,19 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   return sent;
 }
 
+int close(int fd) {
+  const long result = ask_kernel(SYS_close, fd);
+  if (test::watched != nullptr && fails_with(test::watched->close_error)) return -1;
+  return static_cast<int>(result);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  if (test::watched != nullptr && test::watched->at_rename) test::watched->at_rename(from, to);
+  return static_cast<int>(ask_kernel(SYS_rename, from, to));
+}
+
 int chmod(const char* path, mode_t mode) noexcept {
+  if (test::watched != nullptr && test::watched->at_chmod) test::watched->at_chmod(path);
   char text[32];
   std::snprintf(text, sizeof text, "chmod %o", mode);
   note(text);
