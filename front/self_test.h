@@ -11,8 +11,8 @@ inline constexpr const char* kTestSessionFolder = "/Library/VeskRuntime/sessions
 
 /// Writes the restore file "/tmp/test1245.dat" with the content "test", over an old one. Logs
 /// "Failed to create test file" and returns when it cannot; the next step then fails. A link at
-/// that place is a failure too: everyone may write to /tmp, and root must not write where some
-/// other user points.
+/// that place, a file with a second name, or anything that is no file is a failure too, and left as
+/// it is: everyone may write to /tmp, and root must not write where some other user points.
 void createTestFile();
 
 /// Moves the restore file into the session folder and deletes that folder. Logs "Failed to move
