@@ -1,0 +1,97 @@
+"""Which faults a role gets: drawn from the calls that it made when nothing failed."""
+
+import random
+import re
+from collections import Counter, defaultdict
+from dataclasses import dataclass
+
+from errors import BURST, ERRORS, FOR_EVER, PASSING
+
+#: Of calls in like places this many from the front get their faults, and the last one.
+FIRST_OF_LIKE = 2
+
+
+@dataclass(frozen=True)
+class Call:
+    """One call of a recorded run: who made it, its name, how many he had made of them."""
+
+    who: str
+    name: str
+    number: int
+    detail: str = ""
+
+    def __str__(self):
+        return f"{self.who} {self.name} {self.number} {self.detail}".rstrip()
+
+
+@dataclass(frozen=True)
+class Fault:
+    """What is done to a call: an error, "short" or "kill"; once, or from there on."""
+
+    call: Call
+    kind: str
+    repeat: int = 1
+
+    @property
+    def group(self):
+        """The column of the table that it counts in."""
+        if self.kind in ("kill", "short"):
+            return self.kind
+        return "once" if self.repeat == 1 else "lasting"
+
+    def words(self):
+        return self.call.who, self.call.name, self.call.number, self.kind, self.repeat
+
+    def __str__(self):
+        times = {1: "", BURST: f" {BURST} times", FOR_EVER: " from there on"}[self.repeat]
+        return f"{self.call}: {self.kind}{times}"
+
+
+def calls_of(outcome):
+    return [Call(who, name, int(number), " ".join(rest))
+            for who, name, number, _, *rest in outcome.of("call")]
+
+
+def thinned(calls):
+    """The calls that get faults. Calls are in like places when the same thread makes the same call
+    of the same path right after the same call; numbers in paths do not count."""
+    before = {}
+    alike = defaultdict(list)
+    for call in calls:
+        place = (call.who, call.name, before.get(call.who), re.sub(r"\d+", "N", call.detail))
+        alike[place].append(call)
+        before[call.who] = call.name
+    kept = set()
+    for like in alike.values():
+        kept.update(like[:FIRST_OF_LIKE] + like[-1:])
+    return [call for call in calls if call in kept]
+
+
+def faults_of(call):
+    """Every fault of one call. KeyError for a call that the table of errors does not know."""
+    found = []
+    for error in ERRORS[call.name]:
+        found += [Fault(call, error), Fault(call, error, BURST if error in PASSING else FOR_EVER)]
+    return found + [Fault(call, "kill")]
+
+
+def plan(calls):
+    """All faults for the calls of a recorded run. A lasting fault, which begins at the call that
+    its thread makes first after a call of another name, stands for those that begin later in the
+    same row of calls."""
+    return [fault for call in calls for fault in faults_of(call)]
+
+
+def sample(faults, count, seed):
+    """So many of them, drawn by the seed, in their order; every kind of call has its chance."""
+    if count is None or count >= len(faults):
+        return faults
+    by_name = defaultdict(list)
+    for fault in faults:
+        by_name[(fault.call.name, fault.group)].append(fault)
+    weights = Counter({fault: 1 / len(by_name[(fault.call.name, fault.group)])
+                       for fault in faults})
+    source = random.Random(seed)
+    drawn = sorted(weights, key=lambda fault: source.random() ** (1 / weights[fault]),
+                   reverse=True)[:count]
+    return [fault for fault in faults if fault in set(drawn)]
