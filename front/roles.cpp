@@ -1,5 +1,6 @@
 #include "front/roles.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "front/command_handler.h"
@@ -19,6 +20,14 @@ constexpr int kInvalidRestoreFile = 42;
 
 int status_of(bool success) {
   return success ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+// A missing restore file ends the session for good, its bytes included. So it has to be known to be
+// missing: a look at it that failed for want of memory or by a disk's or a server's fault tells
+// nothing, and then nothing is removed.
+bool may_exist(const std::string& path) {
+  if (muro::file_exists(path)) return true;
+  return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && errno != ENAMETOOLONG;
 }
 
 std::string endpoint_name(const std::string& restore_id) {
@@ -50,7 +59,7 @@ role choose_role(const start_options& options, const nil_string& restore_id,
 
 int run_role(const start_options& options) {
   const nil_string restore_id = restoreIDFromFile(options.restore_file);
-  const bool exists = options.restore_file && muro::file_exists(*options.restore_file);
+  const bool exists = options.restore_file && may_exist(*options.restore_file);
   switch (choose_role(options, restore_id, exists)) {
     case role::self_test:
       return run_self_test();
