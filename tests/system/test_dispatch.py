@@ -54,6 +54,16 @@ class Dispatch(SystemCase):
 
     # Missing restore file
 
+    def test_restore_file_that_cannot_be_looked_at_is_not_missing(self):
+        """A user's file system may refuse root, too; here the helper is another user's process."""
+        self.restore_file(folder="/Users/alice/Desktop")
+        self.mac.put_helper()
+        self.served = self.mac.start(
+            [korvel.HELPER, "-installed", "1", "-exePath", korvel.CLIENT,
+             "-restoreFile", "/Users/alice/Desktop/abc.dat"], user="bob")
+        self.wait_for_endpoint("abc")
+        self.assertNotIn(b"removing this service", self.served.errors())
+
     def test_missing_restore_file_removes_agent_and_daemon(self):
         self.mac.write(korvel.agent_path("abc"), "")
         self.mac.write(korvel.daemon_path("abc"), "")
