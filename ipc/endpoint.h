@@ -92,7 +92,8 @@ inline constexpr std::size_t kSocketPathRoom = 104;
 /// connected. `path` receives the socket file's path, "/tmp/" + `name` + ".ipc", with `per_user`
 /// the home folder (`muro::user_dir`, which may throw) in place of "/tmp". `descriptor` receives
 /// the socket, close-on-exec and in blocking mode for a server, or -1. False on failure, errno that
-/// of the failed call; what `descriptor` holds then still has to be closed by the caller.
+/// of the failed call, EINVAL for a path with a zero byte; what `descriptor` holds then still has to
+/// be closed by the caller.
 ///
 /// A server removes an old file at the path first, and gives the new one mode 0660 if `restricted`,
 /// else 0666. If it fails after the file was made, it removes it.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -84,6 +85,11 @@ std::string socket_file(const std::string& path) {
 bool init_ipc_socket(std::string& path, const std::string& name, bool server, int& descriptor,
                      bool restricted, bool per_user) {
   path = (per_user ? muro::user_dir() + "/" : "/tmp/") + name + ".ipc";
+  descriptor = -1;
+  if (path.find('\0') != std::string::npos) {
+    errno = EINVAL;  // cut there it would be another file, which a server would even remove
+    return false;
+  }
   descriptor = muro::make_socket(AF_UNIX, SOCK_STREAM, 0, nullptr, nullptr);
   if (descriptor == -1) return false;
   muro::set_close_on_exec(descriptor);

@@ -55,6 +55,8 @@ sockaddr_un address_of(const std::string& path) {
     refused.stream() << ": socket path too long";
     throw refused;
   }
+  // Cut at a zero byte it would be another socket, perhaps another user's.
+  if (path.find('\0') != std::string::npos) throw muro::exception::function(kSendToSock);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());

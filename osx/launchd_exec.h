@@ -36,7 +36,7 @@
 ///         ":Error in 'send_to_sock': socket path too long"
 ///     the user's rights cannot be taken; nothing was connected
 ///         ":Error from 'seteuid' (called in 'send_to_sock'): " ...
-///     no socket; bad magic; declared length 16 or less; reply over 16 MiB
+///     no socket; a zero byte in the path; bad magic; declared length 16 or less; reply over 16 MiB
 ///         ":Error in 'send_to_sock'"
 ///     no connection
 ///         ":Error from 'connect' (called in 'send_to_sock'): [cannot connect] " ...

@@ -216,10 +216,10 @@ TEST_F(soak_requests, leave_memory_descriptors_threads_and_children_as_they_were
   auto handler = std::make_optional<ipc_communicator>(kEndpoint, kOwnId);
   for (long i = 0; i < count / 5; ++i) clients.send_one();
   const soak::process_state warm = settled();
-  std::cout << "after " << count / 5 << " requests: " << warm << "\n";
+  std::cout << "after " << count / 5 << " requests: " << warm << std::endl;
   for (long i = count / 5; i < count; ++i) {
     clients.send_one();
-    if (i % (count / 5) == 0) std::cout << "after " << i << " requests: " << settled() << "\n";
+    if (i % (count / 5) == 0) std::cout << "after " << i << " requests: " << settled() << std::endl;
   }
   // All before it are through when this one is answered.
   EXPECT_EQ(test::frame_client(kSocket).ask(""), "");

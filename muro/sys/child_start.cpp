@@ -81,6 +81,9 @@ child_plan::child_plan(const std::string& program, const std::vector<std::string
   argv_.push_back(const_cast<char*>(program.c_str()));
   for (const std::string& arg : args) argv_.push_back(const_cast<char*>(arg.c_str()));
   argv_.push_back(nullptr);
+  // Cut at its zero byte a text would name another program, or another file to it.
+  const auto holds_zero = [](const std::string& text) { return text.find('\0') != text.npos; };
+  runs_nothing_ = holds_zero(program) || std::any_of(args.begin(), args.end(), holds_zero);
 }
 
 // The replaced argument 0 is this plan's own copy, made before the fork: after it nothing may
@@ -95,6 +98,7 @@ void child_plan::run_in_program_folder(const std::string& program) {
 
 void child_plan::run_in_folder(const std::string& program, const std::string& folder) {
   folder_ = folder.c_str();
+  runs_nothing_ |= folder.find('\0') != folder.npos;
   try {
     first_argument_ = muro::expand_filename(program);
     argv_[0] = first_argument_.data();
@@ -102,7 +106,7 @@ void child_plan::run_in_folder(const std::string& program, const std::string& fo
   } catch (const muro::exception&) {
     // The working folder is gone. Under its relative name another program might be found in the
     // new folder, so none is run: the child ends itself, as for every failure of its own.
-    candidates_.clear();
+    runs_nothing_ = true;
   }
 }
 
@@ -213,6 +217,7 @@ void child_plan::run() const noexcept {
 /// each name has a slash; of execvp, which is not on POSIX's list, only that is left which hands a
 /// script without a first line to the shell, on the stack.
 void child_plan::execute() const noexcept {
+  if (runs_nothing_) return;
   environ = const_cast<char**>(environment_.data());
   for (const std::string& path : candidates_) {
     ::execvp(path.c_str(), argv_.data());

@@ -66,7 +66,7 @@ class child_plan {
   std::vector<char*> argv_;  // null-terminated
   std::string path_variable_;
   std::vector<char*> environment_;       // null-terminated
-  std::vector<std::string> candidates_;  // the paths to try, in order; none: cannot run
+  std::vector<std::string> candidates_;  // the paths to try, in order
   std::string first_argument_;           // the replaced argument 0
   std::string program_folder_;
   const char* folder_ = nullptr;  // null: stay
@@ -76,6 +76,7 @@ class child_plan {
   int output_ = -1;
   int error_ = -1;
   bool detached_ = false;
+  bool runs_nothing_ = false;
 };
 
 }  // namespace process_priv

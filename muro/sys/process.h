@@ -15,8 +15,9 @@
 /// system gives it and none held back, and this process's environment but for PATH, which is
 /// launchd's default: /usr/bin:/bin:/usr/sbin:/sbin. Arguments are passed as they are, no shell
 /// sees them. A program without a slash is searched for as execvp(3) does, in this process's own
-/// PATH, which the helper has set to the same at its start. A child that cannot be set up kills
-/// itself, so its exit code is -9; no exception tells of it.
+/// PATH, which the helper has set to the same at its start. A child that cannot be set up, or whose
+/// program, argument or folder holds a zero byte, kills itself, so its exit code is -9; no exception
+/// tells of it.
 ///
 /// Exit codes: 0 to 255 is the exit status, a negative number is minus the signal that ended the
 /// child, -1 is "not known (yet)", and `kill` stores what it is given.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -13,6 +14,7 @@
 #include "tests/front/mac.h"
 #include "tests/support/frame_client.h"
 
+namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -204,6 +206,79 @@ TEST_F(command_handler, zero_byte_does_not_turn_the_argument_into_another_file) 
   send_register(std::string("/tmp/shadow\0/abc.dat", 20));
   EXPECT_TRUE(test::exists("/tmp/shadow"));
   EXPECT_FALSE(test::exists(test::agent_file("abc")));
+}
+
+// Of the argument to resign only the last name counts, so a zero byte in front of it changes nothing
+// about it.
+TEST_F(command_handler, zero_byte_anywhere_in_the_argument_changes_nothing) {
+  test::install_client();
+  test::make_file("/tmp/abc.dat");
+  install_session("abc");
+  const std::string whole = "/tmp/abc.dat";
+  for (std::size_t i = 0; i <= whole.size(); ++i) {
+    const std::string argument = whole.substr(0, i) + '\0' + whole.substr(i);
+    send_register(argument);
+    if (i >= 5) resign("abc", argument);
+  }
+  EXPECT_TRUE(test::exists("/tmp/abc.dat"));
+  for (const std::string& file :
+       {test::agent_file("abc"), test::daemon_file("abc"), test::session_file("abc")})
+    EXPECT_TRUE(test::exists(file)) << file;
+  EXPECT_THAT(test::tree("/Library/VeskRuntime/sessions"), ElementsAre("abc", "abc/abc.dat"));
+  EXPECT_THAT(test::launchctl_calls(), IsEmpty());
+}
+
+TEST_F(command_handler, zero_byte_in_the_command_makes_it_another_one) {
+  install_session("abc");
+  for (const std::string& name : {std::string("rnr_resign\0", 11), std::string("\0rnr_resign", 11),
+                                  std::string("rnr_\0resign", 11)})
+    ask("abc", test::packet(name, "/tmp/abc.dat"));
+  EXPECT_TRUE(test::exists(test::session_file("abc")));
+  EXPECT_THAT(test::log_lines(), IsEmpty());
+}
+
+// A session whose ID has the byte in it comes and goes as any other, and nothing beside it is
+// touched. Three bytes are special: behind a slash or backslash the name begins, and the zero byte
+// is in no file's name.
+TEST_F(command_handler, every_byte_in_an_id_is_a_byte_of_its_name) {
+  test::install_client();
+  for (int value = 1; value < 256; ++value) {
+    const std::string id = std::string("a") + static_cast<char>(value) + "b";
+    const std::string named = value == '/' || value == '\\' ? "b" : id;
+    fs::create_directories("/tmp/a");
+    test::make_file("/tmp/" + id + ".dat", "state");
+    send_register("/tmp/" + id + ".dat");
+    EXPECT_EQ(test::content_of(test::session_file(named)), "state") << value;
+    EXPECT_THAT(test::tree("/Library/LaunchAgents"),
+                ElementsAre("com.norvane.korvel.restart." + named + ".plist"))
+        << value;
+    EXPECT_FALSE(test::exists("/tmp/" + id + ".dat")) << value;
+    test::make_file(test::daemon_file(named));
+    resign(named, "/gone/" + id + ".dat");
+    EXPECT_THAT(test::tree("/Library/LaunchAgents"), IsEmpty()) << value;
+    EXPECT_THAT(test::tree("/Library/VeskRuntime/sessions"), IsEmpty()) << value;
+  }
+  EXPECT_THAT(test::log_of("commandReceived"), IsEmpty());
+  test::remove_tree("/tmp/a");
+}
+
+TEST_F(command_handler, id_of_one_byte_names_a_session_unless_it_is_the_dot) {
+  test::install_client();
+  for (int value = 1; value < 256; ++value) {
+    if (value == '/' || value == '\\') continue;
+    const std::string id(1, static_cast<char>(value));
+    test::make_file("/tmp/" + id + ".dat");
+    send_register("/tmp/" + id + ".dat");
+    EXPECT_EQ(test::exists(test::session_file(id)), id != ".") << value;
+    test::make_file(test::daemon_file(id));
+    resign(id, "/tmp/" + id + ".dat");
+    EXPECT_FALSE(test::exists("/Library/VeskRuntime/sessions/" + id) && id != ".") << value;
+  }
+  EXPECT_THAT(
+      test::log_of("commandReceived"),
+      ElementsAre("Failed to move restore file", "Failed to uninstall agent for /tmp/..dat"));
+  EXPECT_TRUE(test::exists("/tmp/..dat"));
+  test::remove_tree("/tmp/..dat");
 }
 
 TEST_F(command_handler, unknown_command_changes_nothing) {

@@ -171,6 +171,20 @@ TEST(init_ipc_socket, client_changes_no_file) {
   ::unlink(endpoint_path(name).c_str());
 }
 
+TEST(init_ipc_socket, zero_byte_in_a_name_is_a_failure_that_touches_no_file) {
+  const std::string cut = endpoint_path(endpoint_name());
+  const std::string name = cut.substr(5) + std::string("\0x", 2);  // cut there it is that file
+  test::write_file(cut, "");
+  for (const bool server : {true, false}) {
+    std::string path;
+    int descriptor = 0;
+    EXPECT_FALSE(ipc_priv::init_ipc_socket(path, name, server, descriptor, false, false));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(descriptor, -1);
+  }
+  EXPECT_EQ(::unlink(cut.c_str()), 0);
+}
+
 TEST(init_ipc_socket, no_socket_is_a_failure_with_descriptor_minus_one) {
   sockets_made_by nobody([](int, int, int, auto, auto) {
     errno = ENOBUFS;

@@ -344,6 +344,11 @@ TEST_F(launchd_socket, a_failing_send_names_its_call) {
             "32, Broken pipe");
 }
 
+TEST_F(launchd_socket, a_path_with_a_zero_byte_is_refused) {
+  EXPECT_EQ(failure_at(path_ + std::string("\0/elsewhere", 11)), kBadReply);
+  EXPECT_TRUE(watched_.connect_users.empty());
+}
+
 TEST_F(launchd_socket, a_path_of_103_bytes_fits) {
   const std::string path = folder_ + "/" + std::string(103 - folder_.size() - 1, 's');
   test::scripted_launchd other(path, uid());

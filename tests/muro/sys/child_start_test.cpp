@@ -272,6 +272,22 @@ TEST(child_start, script_without_a_first_line_is_run_by_the_shell) {
   }));
 }
 
+TEST(child_start, zero_byte_in_program_argument_or_folder_runs_nothing) {
+  const test::short_pauses quick;
+  const std::string zero(1, '\0');
+  EXPECT_EQ(process::system(child + zero + "x", {"exit", "0"}, 30), -9);
+  EXPECT_EQ(process::system(child, {"exit", "0" + zero + "1"}, 30), -9);
+  EXPECT_EQ(process::system(child, {"exit", "0", zero}, 30), -9);
+  process::options options;
+  const std::string folder = "/tmp" + zero + "/elsewhere";
+  options.working_folder = &folder;
+  process p;
+  p.init_(child, {"exit", "0"}, options);
+  test::await_end(p.pid());
+  EXPECT_TRUE(p.done());
+  EXPECT_EQ(p.exit_code(), -9);
+}
+
 TEST(child_start, nameless_program_is_a_program_that_is_not_there) {
   const test::short_pauses quick;
   EXPECT_EQ(process::system("", {}, 30), -9);
