@@ -195,8 +195,8 @@ TEST_F(server, does_not_spin_and_ends_promptly_though_no_client_can_be_taken) {
 
 TEST_F(server, rest_is_not_shortened_by_signals) {
   accept_calls = 0;
-  static pthread_t serving;
-  serving = {};
+  static std::atomic<pthread_t> serving;
+  serving = pthread_t{};
   how_.accept = [](int listening, sockaddr* address, socklen_t* length) {
     serving = ::pthread_self();
     return failing_accept<EMFILE, 2>(listening, address, length);

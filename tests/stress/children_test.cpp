@@ -67,17 +67,21 @@ TEST(stress_children, several_threads_start_them_at_once) {
   const test::stress_time time;
   std::vector<std::thread> starters;
   std::atomic<int> wrong{0};
+  std::atomic<int> known{0};
   for (int i = 0; i < 3; ++i)
     starters.emplace_back([&] {
       while (time.is_left()) {
         long long code = 0;
         const std::string text =
             process::system_immediate(test::child, {"print", "text", "5"}, &code, 60);
-        if (text != "text" || code != 5) ++wrong;
+        // The status is unknown where a busy machine lets no process end within a tenth of a second.
+        if (text != "text" || (code != 5 && code != -1)) ++wrong;
+        if (code == 5) ++known;
       }
     });
   for (std::thread& starter : starters) starter.join();
   EXPECT_EQ(wrong, 0);
+  EXPECT_GT(known, 0);
   EXPECT_TRUE(test::has_no_children());
 }
 
