@@ -23,7 +23,6 @@ namespace {
 
 constexpr std::size_t kLargestInput = 4096;
 constexpr unsigned kLimit_s = 60;
-constexpr const char* kKeptInput = "finding";
 
 struct settings {
   unsigned long mutations = 0;
@@ -39,6 +38,7 @@ struct settings {
 // The input under test, for the signal handler.
 const std::uint8_t* current = nullptr;
 std::size_t current_size = 0;
+char kept_input[4096];  // the file that it is kept in
 
 void put(int to, const void* bytes, std::size_t count) {
   static_cast<void>(!::write(to, bytes, count));
@@ -47,13 +47,14 @@ void put(int to, const void* bytes, std::size_t count) {
 // Async-signal-safe.
 void tell_input(int signal) {
   static constexpr char kDigits[] = "0123456789abcdef";
-  put(2, "the input, also in the file \"finding\": ", 39);
+  put(2, kept_input, std::strlen(kept_input));
+  put(2, " keeps the input: ", 18);
   for (std::size_t i = 0; i < current_size; ++i) {
     const char pair[2] = {kDigits[current[i] >> 4], kDigits[current[i] & 0xf]};
     put(2, pair, 2);
   }
   put(2, "\n", 1);
-  const int kept = ::open(kKeptInput, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const int kept = ::open(kept_input, O_WRONLY | O_CREAT | O_TRUNC, 0644);
   put(kept, current, current_size);
   ::signal(signal, SIG_DFL);
   ::raise(signal);
@@ -199,6 +200,7 @@ settings read_arguments(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   const settings given = read_arguments(argc, argv);
+  std::snprintf(kept_input, sizeof kept_input, "%s.finding", argv[0]);
   for (const int signal : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGALRM})
     ::signal(signal, tell_input);
   run("");
