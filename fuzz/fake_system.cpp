@@ -88,21 +88,26 @@ bool file_exists(std::string path) {
   return mac.exists(path);
 }
 
-void move_file(std::string from, std::string to) {
-  const std::string& folder = mac.permitted.new_folder;
+void move_file(std::string, std::string) {
+  fake::permit(false, "move_file");
+}
+
+void move_file_into(const std::string& from, const std::string& folder, const std::string& name) {
+  const std::string to = folder + "/" + name;
   fake::permit(mac.permitted.may_install && from == mac.permitted.move_from &&
-                   to == folder + folder.substr(folder.rfind('/')) + ".dat",
-               "move_file");
+                   folder == mac.permitted.new_folder &&
+                   name == folder.substr(folder.rfind('/') + 1) + ".dat",
+               "move_file_into");
   if (fake::strikes()) fake::fail("move_file", EXDEV);
   if (mac.exists(to)) fake::fail("move_file", EEXIST);
   const auto file = mac.files.find(from);
-  if (file == mac.files.end() || !mac.exists(fake::parent_of(to))) fake::fail("move_file", ENOENT);
+  if (file == mac.files.end() || !mac.exists(folder)) fake::fail("move_file", ENOENT);
   mac.files[to] = file->second;
   mac.files.erase(from);
 }
 
-void set_executable(std::string) {
-  fake::permit(false, "set_executable");
+void set_executable_of(int) {
+  fake::permit(false, "set_executable_of");
 }
 
 void delete_file(std::string path) {
@@ -138,16 +143,6 @@ file_outcome create_folder(const std::string& path, mode_t mode) {
 file_outcome copy_item(const std::string&, const std::string&) {
   fake::permit(false, "copy_item");
   return {false, std::nullopt};
-}
-
-file_outcome set_attributes(const std::string&, mode_t, const char*, const char*) {
-  fake::permit(false, "set_attributes");
-  return {false, std::nullopt};
-}
-
-std::vector<std::string> subpaths(const std::string&) {
-  fake::permit(false, "subpaths");
-  return {};
 }
 
 }  // namespace platform
@@ -216,7 +211,7 @@ void fake::start() {
   mac.make_file(daemon, "x");
   in_effect(createFolder(folder, 0777) && mac.exists(folder), "create_folder");
   in_effect(moveRestoreFileIfNeeded("/fake/x.dat", id) && mac.exists(folder + "/" + *id + ".dat"),
-            "move_file");
+            "move_file_into");
   in_effect(installAgent(id, "x", "x") && mac.files.size() == 3, "launchd_agent_install");
   in_effect(uninstallAgent(id) && mac.files.size() == 2, "launchd_agent_uninstall");
   uninstallServiceRemove(id);
