@@ -61,9 +61,9 @@ bool listen_with_mode(int descriptor, const std::string& file, bool restricted) 
   return false;
 }
 
-bool open_server(int descriptor, const std::string& path, bool restricted) {
+bool open_server(int descriptor, const std::string& path, const std::string& file,
+                 bool restricted) {
   if (!make_blocking(descriptor)) return false;
-  const std::string file = socket_file(path);
   const local_address address = address_of(path);
   const muro::effective_user_gate as_ourselves;
   ::unlink(file.c_str());
@@ -90,10 +90,11 @@ bool init_ipc_socket(std::string& path, const std::string& name, bool server, in
     errno = EINVAL;  // cut there it would be another file, which a server would even remove
     return false;
   }
+  const std::string file = socket_file(path);  // nothing needs memory once there is a descriptor
   descriptor = muro::make_socket(AF_UNIX, SOCK_STREAM, 0, nullptr, nullptr);
   if (descriptor == -1) return false;
   muro::set_close_on_exec(descriptor);
-  return server ? open_server(descriptor, path, restricted) : open_client(descriptor, path);
+  return server ? open_server(descriptor, path, file, restricted) : open_client(descriptor, path);
 }
 
 }  // namespace ipc_priv
