@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "muro/core/errlog.h"
+#include "muro/core/errno_guard.h"
 #include "muro/core/exception.h"
 #include "muro/sys/files.h"
 #include "muro/sys/time.h"
@@ -36,6 +37,20 @@ std::string field_text(const char (&field)[Size]) {
   return {field, ::strnlen(field, Size)};
 }
 
+/// Rewinds the process's cursor over the login records and closes them, also when the reading breaks
+/// off: the next one would else begin behind the records that this one has seen.
+class rewound_records {
+ public:
+  rewound_records() = default;
+  ~rewound_records() {
+    const muro::errno_guard keep;
+    ::setutxent();
+    ::endutxent();
+  }
+  rewound_records(const rewound_records&) = delete;
+  rewound_records& operator=(const rewound_records&) = delete;
+};
+
 bool is_console_login(const utmpx& record) {
   return record.ut_type == USER_PROCESS && field_text(record.ut_line) == "console";
 }
@@ -57,12 +72,11 @@ session_map get_sessions_v2() {
   const muro::fmt_dbg log("get_sessions_v2");
   session_map sessions;
   // Deliberate: reading starts where the process's cursor stands; it is rewound afterwards.
+  const rewound_records afterwards;
   while (const utmpx* record = ::getutxent()) {
     if (!is_console_login(*record)) continue;
     sessions[static_cast<unsigned int>(record->ut_pid)] = field_text(record->ut_user);
   }
-  ::setutxent();
-  ::endutxent();
   return sessions;
 }
 
