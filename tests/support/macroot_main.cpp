@@ -49,7 +49,8 @@ bool in_ci() {
 
 /// The variables that steer the test programs themselves; the root's environment is else its own.
 bool is_passed(const std::string& variable) {
-  for (const char* prefix : {"GTEST_", "ASAN_", "UBSAN_", "TSAN_", "LSAN_", "GCOV_", "KORVEL_SOAK_", "CI="})
+  for (const char* prefix :
+       {"GTEST_", "ASAN_", "UBSAN_", "TSAN_", "LSAN_", "GCOV_", "KORVEL_SOAK_", "CI="})
     if (variable.compare(0, std::strlen(prefix), prefix) == 0) return true;
   return false;
 }
