@@ -215,6 +215,9 @@ void show_folders(const run_options& options) {
   for (const std::string& path : {options.source_folder, options.build_folder})
     if (!path.empty()) show(path, path, false);
   if (!options.build_folder.empty()) show(options.build_folder, "/build", false);
+#ifdef KORVEL_PROFILE_FOLDER  // of the preset "coverage": where the programs save their counters
+  show(KORVEL_PROFILE_FOLDER, KORVEL_PROFILE_FOLDER, true);
+#endif
   for (const bind_entry& entry : options.binds) show(entry.source, entry.target, entry.writable);
 }
 
