@@ -123,10 +123,13 @@ folder_walk::step folder_walk::leave() {
   if (levels_.empty()) return step::end;
   const bool is_back = open_again(levels_.back(), done);
   error_ = errno;
-  if (!is_back) levels_.erase(levels_.begin() + 1, levels_.end());
+  name_ = std::move(done.name);
+  if (!is_back) {
+    name_ = std::move(levels_[1].name);
+    levels_.erase(levels_.begin() + 1, levels_.end());
+  }
   holder_ = levels_.back().fd.get();
   depth_ = levels_.size();
-  name_ = std::move(done.name);
   return is_back ? step::left : step::lost;
 }
 

@@ -27,7 +27,7 @@ class folder_walk {
     entry,   // an entry that is not entered: no folder, or one that cannot be opened
     folder,  // a folder that has just been entered
     left,    // the folder `name()` after all that it holds
-    lost,    // the way back up is gone: the walk goes on beside the topmost folder on it
+    lost,    // the way back up is gone: the walk goes on beside `name()`, an entry of the root
     end
   };
 

@@ -1,14 +1,20 @@
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 
 #include "muro/sys/files.h"
 #include "muro/sys/files_internal.h"
+#include "muro/sys/unique_fd.h"
+#include "platform/platform.h"
 #include "tests/muro/sys/files_support.h"
 #include "tests/muro/sys/replaced.h"
 
@@ -87,6 +93,71 @@ TEST_F(files, delete_recursive_needs_one_descriptor_whatever_the_depth) {
   ::setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_EQ(outcome, kNone);
   EXPECT_FALSE(there("tree"));
+}
+
+namespace {
+
+/// Makes `levels` folders, each in the one before, and a file in the last; the path of that is far
+/// longer than the system takes.
+void make_deep_tree(const std::string& top, int levels) {
+  const std::string name(100, 'd');
+  ASSERT_EQ(::mkdir(top.c_str(), 0700), 0);
+  muro::unique_fd at(platform::open_folder(top));
+  for (int level = 0; level < levels; ++level) {
+    ASSERT_EQ(platform::make_folder_at(at.get(), name.c_str(), 0700), 0);
+    at = muro::unique_fd(platform::open_at(at.get(), name.c_str(), O_RDONLY | O_DIRECTORY));
+  }
+  const muro::unique_fd file(platform::open_at(at.get(), "file", O_WRONLY | O_CREAT, 0600));
+  ASSERT_TRUE(file.is_open());
+}
+
+/// Runs `action` on a thread with the smallest stack that there is.
+void on_a_small_stack(const std::function<void()>& action) {
+  pthread_attr_t attributes;
+  pthread_t thread;
+  ::pthread_attr_init(&attributes);
+  ::pthread_attr_setstacksize(&attributes, 128 * 1024);
+  const auto run = [](void* what) -> void* {
+    (*static_cast<const std::function<void()>*>(what))();
+    return nullptr;
+  };
+  const int error =
+      ::pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&action));
+  ::pthread_attr_destroy(&attributes);
+  ASSERT_EQ(error, 0);
+  ::pthread_join(thread, nullptr);
+}
+
+}  // namespace
+
+TEST_F(files, delete_recursive_needs_neither_stack_nor_path_by_the_depth) {
+  make_deep_tree(at("tree"), 20000);
+  failure outcome{"not run", 0};
+  on_a_small_stack([&] { outcome = thrown([&] { muro::delete_recursive(at("tree")); }); });
+  EXPECT_EQ(outcome, kNone);
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files, delete_recursive_empties_a_wide_folder) {
+  make_folder("tree");
+  for (int i = 0; i < 5000; ++i) make_file("tree/" + std::to_string(i));
+  muro::delete_recursive(at("tree"));
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files, delete_recursive_removes_what_is_neither_file_nor_folder_without_opening_it) {
+  make_folder("tree");
+  ASSERT_EQ(::mkfifo(at("tree/pipe").c_str(), 0600), 0);
+  muro::delete_recursive(at("tree"));
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files, a_closed_stream_is_not_closed_again) {
+  DIR* const stream = ::opendir(root.c_str());
+  ASSERT_NE(stream, nullptr);
+  ASSERT_EQ(::close(::dirfd(stream)), 0);  // so that closing it fails
+  EXPECT_EQ(muro::detail::close_stream_once(stream), -1);
+  EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(files, delete_recursive_leaks_no_descriptor) {
