@@ -1,5 +1,6 @@
 #include "front/self_test.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -56,6 +57,27 @@ TEST_F(self_test, test_file_is_not_written_through_a_link) {
   createTestFile();
   EXPECT_THAT(test::log_lines(), ElementsAre("createTestFile: Failed to create test file"));
   EXPECT_EQ(test::content_of("/opt/victim"), "kept");
+}
+
+TEST_F(self_test, test_file_with_a_second_name_is_not_written) {
+  test::make_file("/private/tmp/victim", "kept");
+  fs::create_hard_link("/private/tmp/victim", kFile);
+  createTestFile();
+  EXPECT_THAT(test::log_lines(), ElementsAre("createTestFile: Failed to create test file"));
+  EXPECT_EQ(test::content_of("/private/tmp/victim"), "kept");
+  test::remove_tree("/private/tmp/victim");
+}
+
+TEST_F(self_test, test_file_that_is_a_pipe_does_not_block) {
+  ASSERT_EQ(::mkfifo(kFile, 0666), 0);
+  createTestFile();
+  EXPECT_THAT(test::log_lines(), ElementsAre("createTestFile: Failed to create test file"));
+}
+
+TEST_F(self_test, test_file_that_is_a_link_to_nowhere_makes_no_file_there) {
+  fs::create_symlink("/opt/made", kFile);
+  createTestFile();
+  EXPECT_FALSE(test::exists("/opt/made"));
 }
 
 TEST_F(self_test, moving_moves_the_file_and_deletes_the_folder) {

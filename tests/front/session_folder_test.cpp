@@ -1,5 +1,6 @@
 #include "front/session_folder.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -163,6 +164,106 @@ TEST_F(session_folder, restore_file_moves_nowhere_for_an_id_that_names_no_sessio
             test::lines(kNoSessions.size(), "Failed to create session folder"));
   EXPECT_TRUE(test::exists("/tmp/.dat"));
   EXPECT_FALSE(test::exists("/Library/VeskRuntime"));
+}
+
+TEST_F(session_folder, folders_above_a_session_are_roots_and_closed_to_others_writing) {
+  test::make_file("/tmp/abc.dat");
+  const mode_t old = ::umask(0);
+  EXPECT_TRUE(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"));
+  ::umask(old);
+  for (const char* folder : {"/Library/VeskRuntime", "/Library/VeskRuntime/sessions"}) {
+    EXPECT_EQ(test::mode_of(folder), 0755U) << folder;
+    EXPECT_EQ(test::status_of(folder).st_uid, 0U) << folder;
+  }
+}
+
+// What a path can name beside a file: each is moved as it is, none is opened.
+
+TEST_F(session_folder, restore_file_that_is_a_folder_moves_as_a_folder) {
+  test::make_file("/tmp/abc.dat/inside", "kept");
+  EXPECT_TRUE(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"));
+  EXPECT_EQ(test::content_of(test::session_file("abc") + "/inside"), "kept");
+}
+
+TEST_F(session_folder, restore_file_that_is_a_link_moves_as_a_link) {
+  test::make_file("/opt/victim", "kept");
+  fs::create_symlink("/opt/victim", "/tmp/abc.dat");
+  EXPECT_TRUE(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"));
+  EXPECT_EQ(fs::read_symlink(test::session_file("abc")), "/opt/victim");
+  EXPECT_EQ(test::content_of("/opt/victim"), "kept");
+}
+
+TEST_F(session_folder, restore_file_that_is_a_link_to_nowhere_does_not_exist) {
+  fs::create_symlink("nowhere", "/tmp/abc.dat");
+  EXPECT_EQ(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"), std::nullopt);
+  EXPECT_FALSE(test::exists("/Library/VeskRuntime"));
+}
+
+TEST_F(session_folder, restore_file_that_is_a_pipe_moves_without_blocking) {
+  ASSERT_EQ(::mkfifo("/tmp/abc.dat", 0600), 0);
+  EXPECT_TRUE(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"));
+  EXPECT_TRUE(fs::is_fifo(test::session_file("abc")));
+}
+
+TEST_F(session_folder, restore_file_that_is_a_device_elsewhere_stays) {
+  EXPECT_EQ(moveRestoreFileIfNeeded("/dev/null", "abc"), std::nullopt);
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
+}
+
+TEST_F(session_folder, link_to_nowhere_in_place_of_the_moved_file_is_never_replaced) {
+  test::make_file("/tmp/abc.dat");
+  fs::create_directories("/Library/VeskRuntime/sessions/abc");
+  fs::create_symlink("nowhere", test::session_file("abc"));
+  EXPECT_EQ(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"), std::nullopt);
+  EXPECT_THAT(test::log_lines(),
+              ElementsAre("moveRestoreFileIfNeeded: Failed to move file: File exists"));
+  EXPECT_TRUE(test::exists("/tmp/abc.dat"));
+}
+
+TEST_F(session_folder, every_byte_value_in_an_id_gives_its_own_folder_or_none) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string id = "a" + std::string(1, static_cast<char>(byte)) + "b";
+    const bool is_name = byte != 0 && byte != '/';
+    const std::string file = is_name ? "/tmp/" + id + ".dat" : "/tmp/plain.dat";
+    test::make_file(file);
+    EXPECT_EQ(moveRestoreFileIfNeeded(file, id).has_value(), is_name) << byte;
+    EXPECT_EQ(fs::exists(file), !is_name) << byte;
+    EXPECT_EQ(is_name && fs::is_regular_file(test::session_file(id)), is_name) << byte;
+  }
+  test::remove_tree("/tmp/plain.dat");
+  EXPECT_EQ(std::distance(fs::directory_iterator("/Library/VeskRuntime/sessions"), {}), 254);
+}
+
+// Everyone may write to a session's folder, so what lies in it may lead anywhere.
+
+TEST_F(session_folder, restore_file_does_not_move_through_a_link_in_place_of_the_folder) {
+  test::make_file("/tmp/abc.dat");
+  fs::create_directories("/Library/VeskRuntime/sessions");
+  fs::permissions("/Library/VeskRuntime/sessions", fs::perms::all);
+  fs::create_directories("/opt/victim");
+  fs::create_directory_symlink("/opt/victim", "/Library/VeskRuntime/sessions/abc");
+  EXPECT_EQ(moveRestoreFileIfNeeded("/tmp/abc.dat", "abc"), std::nullopt);
+  EXPECT_TRUE(fs::is_empty("/opt/victim"));
+  EXPECT_THAT(test::log_of("moveRestoreFileIfNeeded"),
+              ElementsAre("Failed to create session folder"));
+}
+
+TEST_F(session_folder, helper_and_bundle_do_not_go_through_links_in_the_session_folder) {
+  test::install_client();
+  test::make_file("/opt/helper", "program");
+  test::make_file("/opt/victim/kept");
+  fs::create_directories("/Library/VeskRuntime/sessions/abc");
+  fs::permissions("/Library/VeskRuntime/sessions/abc", fs::perms::all);
+  for (const char* below : {"helper", "app"})
+    fs::create_directory_symlink("/opt/victim",
+                                 std::string("/Library/VeskRuntime/sessions/abc/") + below);
+  EXPECT_EQ(moveHelper("/opt/helper", "abc"), std::nullopt);
+  EXPECT_EQ(moveAppBundle(test::kClientBundle, "abc"), std::nullopt);
+  EXPECT_THAT(test::tree("/opt/victim"), ElementsAre("kept"));
+  EXPECT_TRUE(test::exists("/opt/helper"));
+  EXPECT_THAT(test::log_of("createFolder"),
+              ElementsAre("Failed to create directory: Too many levels of symbolic links",
+                          "Failed to create directory: Too many levels of symbolic links"));
 }
 
 TEST_F(session_folder, helper_moves_and_becomes_executable) {
