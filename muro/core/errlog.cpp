@@ -76,10 +76,26 @@ void errlog::log_line_direct(const char* data, std::size_t length, std::size_t p
   }
 }
 
+namespace {
+
+/// `expand_filename` for all but the last component: a link under the log's own name must not be
+/// followed, now no more than when it is opened.
+std::string expand_log_name(const std::string& name) {
+  const std::size_t slash = name.rfind('/');
+  const std::string last = slash == std::string::npos ? name : name.substr(slash + 1);
+  if (last.empty() || last == "." || last == "..") return expand_filename(name);
+  std::string folder = ".";
+  if (slash != std::string::npos) folder = name.substr(0, slash + (slash == 0 ? 1 : 0));
+  folder = expand_filename(folder);
+  return folder + (folder.ends_with('/') ? "" : "/") + last;
+}
+
+}  // namespace
+
 void errlog::set_log_file(const std::string& name) {
   const errno_guard keep;
   try {
-    set_log_file_name(expand_filename(name));
+    set_log_file_name(expand_log_name(name));
   } catch (...) {
     // Deliberate: a name that leads nowhere leaves the old one.
   }

@@ -41,8 +41,9 @@ class errlog {
   static void log_line_direct(const char* data, std::size_t length, std::size_t prefix_length,
                               void (*release)(const char*));
 
-  /// The log file from the next batch on: `expand_filename(name)`. If that throws, the old one
-  /// stays.
+  /// The log file from the next batch on: `expand_filename(name)`, but a link under the file's own
+  /// name is not followed, so that it is refused (muro/core/log_open.h). If expanding throws, the
+  /// old one stays.
   static void set_log_file(const std::string& name);
   static void set_log_rotate(unsigned long long size, int count);
   static void set_log_filter(int (*filter)(const char*, std::size_t));

@@ -141,11 +141,7 @@ void log_dumper::run() {
   runs_.post();
   for (;;) {
     take_queue(batch_);
-    try {
-      if (!batch_.entries.empty()) output_.write(batch_.entries);
-    } catch (...) {
-      // Out of memory: what is not written is lost, the next batch may find better times.
-    }
+    output_.write(batch_.entries);
     finish(batch_);
     wake_up_.wait();
   }
@@ -159,6 +155,7 @@ void log_dumper::take_queue(batch& taken) {
 
 void log_dumper::finish(batch& done) {
   release(done.entries);
+  done.entries.clear();
   if (done.entries.capacity() > kKeptEntries) std::vector<log_entry>().swap(done.entries);
   if (done.waiters.empty()) return;
   const rec_lock lock(mutex_);

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdio>
 
 #include "muro/core/log_output.h"
@@ -6,16 +7,22 @@
 
 namespace muro {
 
+namespace detail {
+
+constinit std::atomic<std::size_t (*)(const void*, std::size_t, std::size_t, FILE*)> g_log_fwrite{
+    std::fwrite};
+
+}  // namespace detail
+
 namespace {
 
 constexpr std::size_t kPiece = 0x10000;
 
 }  // namespace
 
-log_file::log_file(const std::string& path, log_folder& folder)
-    : file_(path, xfile::read_write_create, false), folder_(folder) {
-  // Without a buffer the stream holds nothing that exit() would flush behind the dumper's back.
-  if (is_open()) std::setvbuf(file_, nullptr, _IONBF, 0);
+log_file::log_file(const std::string& path, log_memory& memory)
+    : file_(path, open_log(path, log_access::append, refusal_)), memory_(memory) {
+  if (is_open()) recall(path);
 }
 
 log_file::~log_file() {
@@ -28,8 +35,25 @@ log_file::~log_file() {
   }
 }
 
+void log_file::recall(const std::string& path) {
+  const file_identity now = file_identity::of(file_);
+  if (path != memory_.path) {
+    forget();
+    memory_.path = path;
+  } else if (memory_.identity.known) {
+    const bool same = now == memory_.identity;
+    const bool whole = std::fseek(file_, 0, SEEK_END) == 0 && std::ftell(file_) >= memory_.end;
+    if (!same || !whole) forget();
+  }
+}
+
+void log_file::forget() {
+  memory_.folder.forget();
+  memory_.identity = {};
+}
+
 void log_file::write(std::string_view line, std::size_t prefix_length) {
-  const log_folder::output output = folder_.fold(line, prefix_length);
+  const log_folder::output output = memory_.folder.fold(line, prefix_length);
   if (output.step_back > gathered_.size()) {
     write_gathered();
     step_back_ = output.step_back;
@@ -40,19 +64,42 @@ void log_file::write(std::string_view line, std::size_t prefix_length) {
   if (gathered_.size() >= kPiece) write_gathered();
 }
 
+/// Puts the file at the place for the next piece and gives it; -1 when that cannot be done.
+long log_file::place_for_gathered() {
+  if (std::fseek(file_, 0, SEEK_END) != 0) return -1;
+  const long end = std::ftell(file_);
+  // Where the marker's predecessor cannot stand any more, it is appended.
+  if (step_back_ == 0 || !memory_.identity.known || end < memory_.end) return end;
+  const long offset = -static_cast<long>(step_back_);
+  return std::fseek(file_, offset, SEEK_END) == 0 ? std::ftell(file_) : end;
+}
+
 void log_file::write_gathered() {
   if (gathered_.empty()) return;
-  // A file that is shorter than the step back (somebody emptied it) is appended to.
-  const long offset = -static_cast<long>(step_back_);
-  if (std::fseek(file_, offset, SEEK_END) != 0) std::fseek(file_, 0, SEEK_END);
-  file_.write(gathered_);
-  if (std::ferror(file_) != 0) {
-    // Nobody knows how much of the last line is in the file: the next one is written in full.
-    std::clearerr(file_);
-    folder_.forget();
+  const long begin = place_for_gathered();
+  const std::size_t written =
+      begin < 0 ? 0 : detail::g_log_fwrite.load()(gathered_.data(), 1, gathered_.size(), file_);
+  if (written == gathered_.size()) {
+    memory_.identity = file_identity::of(file_);
+    memory_.end = begin + static_cast<long>(written);
+  } else {
+    drop_torn_line(begin, written);
+    forget();
   }
   gathered_.clear();
   step_back_ = 0;
+}
+
+/// Leaves of a piece that was written in part its whole lines. Nothing is cut off when the file does
+/// not end where the piece does: that is somebody else's, or what a marker did not cover.
+void log_file::drop_torn_line(long begin, std::size_t written) {
+  std::clearerr(file_);
+  if (written == 0 || std::fseek(file_, 0, SEEK_END) != 0) return;
+  if (std::ftell(file_) != begin + static_cast<long>(written)) return;
+  const std::size_t line_end = std::string_view(gathered_).substr(0, written).rfind('\n');
+  const std::size_t whole = line_end == std::string::npos ? 0 : line_end + 1;
+  file_.truncate(static_cast<unsigned long long>(begin) + whole);
+  std::fseek(file_, 0, SEEK_END);
 }
 
 void log_file::keep_small() {
@@ -61,9 +108,10 @@ void log_file::keep_small() {
   const int rotate_count = log_rotate_count;
   if (cut_size != 0) {
     // The last line may be gone; a marker for it would overwrite the end of another one.
-    if (cut_log(file_, cut_size)) folder_.forget();
+    if (cut_log(file_, cut_size)) forget();
   } else if (rotate_size != 0 && rotate_count != 0) {
-    rotate_log(file_, rotate_size, rotate_count);
+    // The counting goes on, in a file that has not got the marker before.
+    if (rotate_log(file_, rotate_size, rotate_count)) memory_.identity = {};
   }
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "muro/core/fmt.h"
+#include "muro/core/log_open.h"
 #include "muro/sys/files.h"
 #include "muro/sys/xfile.h"
 
@@ -34,6 +35,12 @@ void move_quietly(const move& m) {
   }
 }
 
+/// Whether anything stands under the name. A link that leads nowhere would stop the moves behind it
+/// too, and the log would grow for ever.
+bool is_taken(const std::string& path) {
+  return file_identity::of(path).known;
+}
+
 /// The moves that make room for a new `name`, newest first; what has no place any more is deleted
 /// on the way.
 std::vector<move> plan_rotation(const std::string& name, int count) {
@@ -43,9 +50,9 @@ std::vector<move> plan_rotation(const std::string& name, int count) {
     std::string candidate = stringify(name, '.', k);
     if (k < count) {
       newest_first.push_back({previous, candidate});
-      if (!file_exists(candidate)) break;
+      if (!is_taken(candidate)) break;
     } else {
-      if (!file_exists(previous)) break;
+      if (!is_taken(previous)) break;
       delete_quietly(previous);
     }
     previous = std::move(candidate);
@@ -94,25 +101,30 @@ bool copy_lines(line_reader& from, xfile& to, unsigned long long& remaining) {
 
 }  // namespace
 
-void rotate_log(xfile& file, unsigned long long size, int count) {
-  if (!file) return;
+bool rotate_log(xfile& file, unsigned long long size, int count) {
+  if (!file) return false;
   const long position = std::ftell(file);
+  const file_identity own = file_identity::of(file);
   try {
     file.close();
   } catch (...) {
     // A file that reports errors: its lines are as good as they get.
   }
-  if (position < static_cast<long long>(size) || file.path().empty()) return;
+  if (position < static_cast<long long>(size) || file.path().empty()) return false;
+  if (!(file_identity::of(file.path()) == own)) return false;
   const std::vector<move> newest_first = plan_rotation(file.path(), count);
   for (auto m = newest_first.rbegin(); m != newest_first.rend(); ++m) move_quietly(*m);
+  return !(file_identity::of(file.path()) == own);
 }
 
 bool cut_log(xfile& file, unsigned long long size) try {
   const long position = file ? std::ftell(file) : -1;
   if (position < 0 || size >= static_cast<unsigned long long>(position)) return false;
   if (file.path().empty()) return false;
-  xfile reader(file.path(), xfile::read_only, false);
-  if (!reader) return false;
+  std::string refusal;
+  xfile reader(file.path(), open_log(file.path(), log_access::read, refusal));
+  if (!(file_identity::of(reader) == file_identity::of(file))) return false;
+  if (std::fseek(reader, 0, SEEK_END) != 0 || std::ftell(reader) < position) return false;
   const unsigned long long half = size / 2;
   if (std::fseek(file, 0, SEEK_SET) != 0) return false;
   if (std::fseek(reader, position - static_cast<long>(half), SEEK_SET) != 0) return false;

@@ -50,6 +50,9 @@ xfile::xfile(std::string path, mode m, bool throw_on_error, int /*unused*/)
   open(m);
 }
 
+xfile::xfile(std::string path, FILE* stream)
+    : stream_(stream), throw_on_error_(false), path_(std::move(path)) {}
+
 void xfile::open(mode m) {
   int open_flags;
   const std::string mode_text = get_mode(m, open_flags);

@@ -31,6 +31,9 @@ class xfile {
   /// Opens at once; after a failure the object is closed. Fails as "fopen", or as "invalid_mode"
   /// for any other mode. `unused` has no meaning.
   xfile(std::string path, mode m, bool throw_on_error, int unused = 0);
+  /// Takes over a stream that the caller has opened by rules of its own, or null: a closed object.
+  /// Silent. `path` only names it.
+  xfile(std::string path, FILE* stream);
   /// Closes; failures are lost, so who wrote calls `close` first. Keeps `errno`.
   ~xfile();
   xfile(const xfile&) = delete;

@@ -312,11 +312,11 @@ TEST_F(log_output_test, marker_overwrites_the_end_of_the_file_whoever_wrote_it) 
   EXPECT_EQ(file(), line("main: " + message) + marker(2) + marker(3));
 }
 
-TEST_F(log_output_test, marker_in_a_file_that_was_emptied_is_appended) {
+TEST_F(log_output_test, file_that_was_emptied_gets_the_line_before_its_marker) {
   for (int i = 0; i < 3; ++i) log_and_flush(message);
   test::write_file(path(), "short\n");
   log_and_flush(message);
-  EXPECT_EQ(file(), "short\n" + marker(3));
+  EXPECT_EQ(file(), "short\n" + line("main: " + message));
 }
 
 // Keeping small.
@@ -405,10 +405,10 @@ class obvious_file {
 
 TEST_F(log_output_test, gathering_writes_what_single_writes_would) {
   std::mt19937 random(3);
-  muro::log_folder folder;
+  muro::log_memory memory;
   obvious_file obvious;
   for (int batch = 0; batch < 50; ++batch) {
-    muro::log_file file(path(), folder);
+    muro::log_file file(path(), memory);
     for (std::size_t lines = random() % 40; lines > 0; --lines) {
       const std::size_t size = random() % 20 == 0 ? 70000 : 20 + random() % 2;
       const std::string text = "ab" + std::string(size, static_cast<char>('a' + random() % 2));
