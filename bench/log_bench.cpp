@@ -92,14 +92,14 @@ void add_calls(const char* name) {
                check(state, path, kBurst, 0, kBurst);
              })
       ->UseManualTime()
-      ->Iterations(40);
+      ->Iterations(20);
   bench::add("log_call/asleep", name,
              [name](benchmark::State& state) {
                Logger logger({path_of("asleep", name)});
                call_asleep(state, logger);
              })
       ->UseManualTime()
-      ->Iterations(400);
+      ->Iterations(100);
 }
 
 void add_limit() {
@@ -109,14 +109,14 @@ void add_limit() {
                call_in_burst(state, ring);
              })
       ->UseManualTime()
-      ->Iterations(40);
+      ->Iterations(20);
   bench::add("log_call/asleep", "limit",
              [](benchmark::State& state) {
                bench::log_ring ring("bench");
                call_asleep(state, ring);
              })
       ->UseManualTime()
-      ->Iterations(400);
+      ->Iterations(100);
 }
 
 template <class Logger>
@@ -179,7 +179,7 @@ void add_files(const char* name) {
                  write_lines<Logger>(state, {path_of(what, name), echo, rotation});
                })
         ->UseManualTime()
-        ->Iterations(4);
+        ->Iterations(2);
   };
   add_row("lines", false, false);
   add_row("echo", true, false);

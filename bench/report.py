@@ -57,7 +57,7 @@ def run_program(command, rows, out, quick):
     flags = [f"--benchmark_filter=^({wanted})/", f"--benchmark_out={out}",
              "--benchmark_out_format=json", "--benchmark_enable_random_interleaving=true",
              f"--benchmark_repetitions={3 if quick else 15}",
-             f"--benchmark_min_time={0.01 if quick else 0.05}"]
+             f"--benchmark_min_time={0.005 if quick else 0.02}"]
     out.unlink(missing_ok=True)
     done = subprocess.run(command + flags, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                           errors="replace")
