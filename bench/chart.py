@@ -2,7 +2,7 @@
 
 from html import escape
 
-TITLE_WIDTH, TARGET_X, RIGHT, ROW, TOP = 320, 560, 900, 22, 56
+TITLE_WIDTH, TARGET_X, ROW, TOP, LABEL_WIDTH = 320, 560, 22, 56, 310
 MOST = 2.2  # in targets; longer bars are broken off
 
 STYLE = """
@@ -32,21 +32,19 @@ def bar(y, title, share, label):
     scale = TARGET_X - TITLE_WIDTH
     width = min(share, MOST) * scale
     kind = "yes" if round(share, 2) <= 1 else "no"
-    x = TITLE_WIDTH + width + 6
-    anchor, label_class = "start", "quiet"
+    x = max(TITLE_WIDTH + width, TARGET_X) + 6  # never under the line
     if share > MOST:
         label += " »"
     return (f'<text x="{TITLE_WIDTH - 8}" y="{y + 14}" text-anchor="end">{escape(title)}</text>'
             f'<rect class="{kind}" x="{TITLE_WIDTH}" y="{y + 4}" width="{width:.1f}" height="13" '
             f'rx="2"/>'
-            f'<text class="{label_class}" x="{x:.1f}" y="{y + 14}" text-anchor="{anchor}">'
-            f'{escape(label)}</text>')
+            f'<text class="quiet" x="{x:.1f}" y="{y + 14}">{escape(label)}</text>')
 
 
 def draw(comparisons):
     lines = [(c.row.title, share, label) for c in comparisons for share, label in bars_of(c)]
     height = TOP + ROW * len(lines) + 16
-    width = TITLE_WIDTH + MOST * (TARGET_X - TITLE_WIDTH) + 260
+    width = TITLE_WIDTH + MOST * (TARGET_X - TITLE_WIDTH) + LABEL_WIDTH
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width:.0f} {height}" '
              f'role="img" aria-label="Ratios against their targets">',
              f"<style>{STYLE}</style>",

@@ -217,7 +217,7 @@ def machine_facts(folder):
     compiler = re.search(r"^CMAKE_CXX_COMPILER:\w+=(.*)", cache, re.M).group(1)
     flags = re.search(r"^CMAKE_CXX_FLAGS_RELWITHDEBINFO:\w+=(.*)", cache, re.M).group(1)
     facts = [["processor", f"{processor()}, {os.cpu_count()} cores"],
-             ["kernel", f"{platform.system()} {platform.release()}"],
+             ["kernel", f"{platform.system()} {platform.release().split('-')[0]}"],
              ["compiler", f"{first_line([compiler, '--version'])}, {flags}"]]
     return facts + [[package, package_version(package)] for package in PEER_PACKAGES]
 
