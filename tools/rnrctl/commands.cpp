@@ -55,7 +55,8 @@ void add_commands(CLI::App& app, invocation& asked) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  for (const auto add : {add_requests, add_log, add_explain}) add(app, asked);
+  for (const auto add : {add_requests, add_status, add_doctor, add_sessions, add_log, add_explain})
+    add(app, asked);
 }
 
 void fail_usage(const std::string& line) {

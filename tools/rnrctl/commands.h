@@ -38,6 +38,9 @@ void add_commands(CLI::App& app, invocation& asked);
 void add_requests(CLI::App& app, invocation& asked);  ///< register, resign, ping
 void add_explain(CLI::App& app, invocation& asked);
 void add_log(CLI::App& app, invocation& asked);
+void add_status(CLI::App& app, invocation& asked);
+void add_doctor(CLI::App& app, invocation& asked);
+void add_sessions(CLI::App& app, invocation& asked);
 
 /// Throws `failure` with `wrong_use`: `line`, and where help is to be had.
 [[noreturn]] void fail_usage(const std::string& line);
