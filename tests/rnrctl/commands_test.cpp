@@ -44,7 +44,7 @@ TEST(help, goes_to_the_output_with_every_status) {
   EXPECT_EQ(rnrctl::rnrctl_main({"--help"}, out, err), exit_status::done);
   for (const char* text :
        {"register", "resign", "ping", "--endpoint", "--timeout", "--version", "\n  0  ", "\n  1  ",
-        "\n  2  ", "\n  3  ", "\n  4  ", "\n  5  ", "\n  6  "}) {
+        "\n  2  ", "\n  3  ", "\n  4  ", "\n  5  ", "\n  6  ", "\n  7  "}) {
     EXPECT_THAT(out.str(), HasSubstr(text));
   }
   EXPECT_EQ(err.str(), "");
@@ -91,7 +91,7 @@ void expect_request(std::string packet, const std::string& command, const std::s
 TEST_F(commands, register_sends_the_file) {
   fake_helper helper(name, test::answer);
   test::write_file(folder / "abc.dat", "x");
-  EXPECT_EQ(call({"register", folder / "abc.dat"}), exit_status::done);
+  EXPECT_EQ(call({"register", "--no-verify", folder / "abc.dat"}), exit_status::done);
   expect_request(helper.request, "rnr_register", folder / "abc.dat");
   EXPECT_THAT(out.str(), MatchesRegex(name + " answered in [0-9]+ ms\n"));
   EXPECT_EQ(err.str(), "");
@@ -101,8 +101,16 @@ TEST_F(commands, register_keeps_the_name_of_a_link) {
   fake_helper helper(name, test::answer);
   test::write_file(folder / "target", "x");
   ASSERT_EQ(::symlink("target", (folder / "abc.dat").c_str()), 0);
-  EXPECT_EQ(call({"register", folder / "abc.dat"}), exit_status::done);
+  EXPECT_EQ(call({"register", "--no-verify", folder / "abc.dat"}), exit_status::done);
   expect_request(helper.request, "rnr_register", folder / "abc.dat");
+}
+
+TEST_F(commands, register_tells_when_the_helper_has_not_done_it) {
+  fake_helper helper(name, test::answer);
+  test::write_file(folder / "abc.dat", "x");
+  EXPECT_EQ(call({"register", folder / "abc.dat"}), exit_status::not_done);
+  EXPECT_THAT(err.str(),
+              HasSubstr("the helper answered, but " + (folder / "abc.dat") + " is still there"));
 }
 
 TEST_F(commands, resign_does_not_need_the_file) {

@@ -140,3 +140,46 @@ class CleanUp(SupportCase):
         done = self.mac.rnrctl("sessions", "reset", "abc", "--yes", user="alice")
         self.assertEqual(done.status, 1)
         self.assertIn("only root", done.error_text)
+
+    def test_register_that_is_not_carried_out_ends_with_7(self):
+        done = self.mac.rnrctl("register", self.restore_file("abc"))
+        self.assertEqual(done.status, 7)
+        self.assertIn("/Users/alice/abc.dat is still there", done.error_text)
+
+    def test_wait_for_a_session_to_be_gone(self):
+        self.tool("wait", "--gone", "abc", "--timeout", "0.3", status=5)
+        waiting = self.mac.start([self.mac.rnrctl_path, "wait", "--gone", "abc"])
+        self.tool("sessions", "reset", "abc", "--yes")
+        self.assertEqual(waiting.wait().status, 0)
+        self.assertEqual(waiting.output(), b"session abc is gone\n")
+
+    def test_wait_needs_one_session(self):
+        for words in ([], ["--gone", ".."], ["--gone", "a", "--loaded", "a"]):
+            self.tool("wait", *words, status=2)
+
+    def test_a_bundle_holds_what_support_asks_for_and_no_secret(self):
+        self.assertIn("/tmp/x.tgz is written", self.tool("bundle", "/tmp/x.tgz"))
+        names = self.mac.sh("tar -tzf /tmp/x.tgz")
+        for name in ("status.json", "doctor.txt", "listing.txt", "versions.txt", "processes.txt",
+                     "job_Library_LaunchAgents_com.norvane.korvel.restart.abc.plist",
+                     "log_Library_PrivilegedHelperTools_korvel_helper.out"):
+            self.assertIn(name, names)
+        self.assertNotIn("resume me", self.mac.sh("tar -xzOf /tmp/x.tgz"))
+        self.assertEqual(self.mac.sh("ls -d /tmp/korvel-support.* || true"), "")
+
+    def test_a_bundle_is_written_when_half_of_it_fails(self):
+        self.mac.sh(f"rm {korvel.agent_path('abc')}; ln -s /nowhere {korvel.agent_path('abc')}; "
+                    "rm -rf /Library/VeskRuntime")
+        self.assertIn("missing.txt", self.tool("bundle", "/tmp/x.tgz"))
+        self.assertIn("restart.abc.plist: ", self.mac.sh("tar -xzOf /tmp/x.tgz"))
+
+
+class WaitForLaunchd(SupportCase):
+    def test_wait_for_a_session_to_be_loaded(self):
+        self.mac.boot("alice")
+        self.run_helper("-runInstall", "1")
+        self.wait_for_endpoint()
+        self.tool("wait", "--loaded", "abc", "--timeout", "0.3", status=5)
+        self.register_by_tool()
+        self.assertEqual(self.tool("wait", "--loaded", "abc", "--timeout", "20"),
+                         "session abc is loaded\n")

@@ -120,6 +120,7 @@ constexpr numbered kNumbers[] = {
     {"rnrctl ends with", 4, "the helper closed the connection without an answer"},
     {"rnrctl ends with", 5, "time-out"},
     {"rnrctl ends with", 6, "the restore file cannot be read"},
+    {"rnrctl ends with", 7, "the helper answered, and did not do what it was asked; its log tells why"},
     {"rnrctl ends with", 10, "doctor found something to know"},
     {"rnrctl ends with", 11, "doctor found something that is not as it should be"},
     {"rnrctl ends with", 12, "doctor found why a session does not come back"},

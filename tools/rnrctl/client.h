@@ -25,6 +25,7 @@ enum class exit_status : int {
   refused = 4,
   timed_out = 5,
   no_file = 6,
+  not_done = 7,
 };
 
 /// A request that got no answer: one line for the person, a status for the script.

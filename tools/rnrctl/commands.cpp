@@ -6,8 +6,6 @@
 namespace rnrctl {
 namespace {
 
-constexpr const char* kVersion = "rnrctl 1.0.0";
-
 constexpr const char* kAbout =
     "Asks the Korvel helper to bring a support session back after a restart, and tells why one did "
     "not come back.";
@@ -24,7 +22,12 @@ Exit status:
   3  no helper serves the endpoint
   4  refused: the helper closed the connection without an answer
   5  time-out
-  6  FILE cannot be read (register))";
+  6  FILE cannot be read (register)
+  7  the helper answered, and did not do it (register, resign))";
+
+std::string version() {
+  return std::string("rnrctl ") + kToolVersion;
+}
 
 exit_status print(std::ostream& out, const std::string& text) {
   out << text;
@@ -40,7 +43,7 @@ exit_status run(const std::vector<std::string>& words, std::ostream& out, std::o
   } catch (const CLI::CallForHelp&) {
     return print(out, app.help());
   } catch (const CLI::CallForVersion&) {
-    return print(out, std::string(kVersion) + "\n");
+    return print(out, version() + "\n");
   } catch (const CLI::ParseError& e) {
     fail_usage(e.what());
   }
@@ -51,11 +54,12 @@ exit_status run(const std::vector<std::string>& words, std::ostream& out, std::o
 
 void add_commands(CLI::App& app, invocation& asked) {
   app.set_help_flag("-h,--help", "print this text, or with a command the command's own");
-  app.set_version_flag("--version", std::string(kVersion), "print the version");
+  app.set_version_flag("--version", version(), "print the version");
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  for (const auto add : {add_requests, add_status, add_doctor, add_sessions, add_log, add_explain})
+  for (const auto add : {add_requests, add_status, add_doctor, add_sessions, add_wait, add_log,
+                         add_explain, add_bundle, add_completion})
     add(app, asked);
 }
 

@@ -20,6 +20,8 @@ class App;
 
 namespace rnrctl {
 
+inline constexpr const char* kToolVersion = "1.0.0";
+
 /// What the words have asked for. It writes its answer to `out`, complaints that do not end it to
 /// `err`, and gives the status to end with. Throws `failure`.
 using action = std::function<exit_status(std::ostream& out, std::ostream& err)>;
@@ -41,6 +43,9 @@ void add_log(CLI::App& app, invocation& asked);
 void add_status(CLI::App& app, invocation& asked);
 void add_doctor(CLI::App& app, invocation& asked);
 void add_sessions(CLI::App& app, invocation& asked);
+void add_wait(CLI::App& app, invocation& asked);
+void add_bundle(CLI::App& app, invocation& asked);
+void add_completion(CLI::App& app, invocation& asked);
 
 /// Throws `failure` with `wrong_use`: `line`, and where help is to be had.
 [[noreturn]] void fail_usage(const std::string& line);

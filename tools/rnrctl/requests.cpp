@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <memory>
 
+#include "front/installation.h"
 #include "front/session_folder.h"
 #include "muro/core/exception.h"
 #include "muro/sys/files.h"
 #include "muro/sys/strings.h"
-#include "muro/sys/time.h"
 #include "muro/sys/unique_fd.h"
+#include "platform/clock.h"
 #include "tools/rnrctl/commands.h"
 
 namespace rnrctl {
@@ -52,11 +53,35 @@ void require_readable(const std::string& path) {
 }
 
 exit_status send(const invocation& asked, const std::string& request, std::ostream& out) {
-  const long long begin_ms = muro::relative_time();
+  const long long begin_us = platform::monotonic_us();
   const auto limit_ms = static_cast<long long>(asked.timeout_s * 1000);
   exchange(asked.endpoint, request, std::max(limit_ms, 1LL));
-  out << asked.endpoint << " answered in " << muro::relative_time() - begin_ms << " ms\n";
+  const long long took_us = platform::monotonic_us() - begin_us;
+  out << asked.endpoint << " answered in " << (took_us + 500) / 1000 << " ms\n";
   return exit_status::done;
+}
+
+/// Whether the helper has done what it was asked; "" when it has, else what is not as it should be.
+/// It has when the answer is there, since it answers after the work.
+using verification = std::string (*)(const std::string& file, const std::string& id);
+
+std::string missing_after_register(const std::string& file, const std::string& id) {
+  const std::string kept = sessionFolder(id) + "/" + id + ".dat";
+  if (muro::file_exists(file)) return file + " is still there";
+  if (!muro::file_exists(kept)) return "there is no " + kept;
+  return agentInstalled(id) ? "" : "the restart agent's job file is not there";
+}
+
+std::string left_after_resign(const std::string&, const std::string& id) {
+  return agentInstalled(id) ? "the restart agent's job file is still there" : "";
+}
+
+void verify(verification check, const std::string& file) {
+  const std::string id = *restoreIDFromFile(file);
+  const std::string wrong = check(file, id);
+  if (wrong.empty()) return;
+  throw failure(exit_status::not_done, "the helper answered, but " + wrong +
+                                           " (see rnrctl log --id " + id + ", rnrctl doctor)");
 }
 
 std::string session_file(const std::string& given) {
@@ -66,16 +91,28 @@ std::string session_file(const std::string& given) {
   return path;
 }
 
-exit_status register_session(const invocation& asked, const std::string& file, std::ostream& out) {
+struct request_options {
+  std::string file;
+  bool unverified = false;
+};
+
+exit_status register_session(const invocation& asked, const request_options& options,
+                             std::ostream& out) {
   check(asked);
-  const std::string path = session_file(file);
+  const std::string path = session_file(options.file);
   require_readable(path);
-  return send(asked, make_request("rnr_register", path), out);
+  const exit_status status = send(asked, make_request("rnr_register", path), out);
+  if (!options.unverified) verify(missing_after_register, path);
+  return status;
 }
 
-exit_status resign_session(const invocation& asked, const std::string& file, std::ostream& out) {
+exit_status resign_session(const invocation& asked, const request_options& options,
+                           std::ostream& out) {
   check(asked);
-  return send(asked, make_request("rnr_resign", session_file(file)), out);
+  const std::string path = session_file(options.file);
+  const exit_status status = send(asked, make_request("rnr_resign", path), out);
+  if (!options.unverified) verify(left_after_resign, path);
+  return status;
 }
 
 exit_status ping(const invocation& asked, std::ostream& out) {
@@ -83,16 +120,18 @@ exit_status ping(const invocation& asked, std::ostream& out) {
   return send(asked, make_request(kPingCommand, ""), out);
 }
 
-using file_request = exit_status (*)(const invocation&, const std::string&, std::ostream&);
+using file_request = exit_status (*)(const invocation&, const request_options&, std::ostream&);
 
 void add_file_request(CLI::App& app, invocation& asked, file_request run, const char* name,
                       const char* about) {
   CLI::App* const command = app.add_subcommand(name, about);
-  const auto file = std::make_shared<std::string>();
-  command->add_option("FILE", *file, "the session's restore file")->required();
-  command->callback([&asked, run, file] {
-    asked.chosen = [&asked, run, file](std::ostream& out, std::ostream&) {
-      return run(asked, *file, out);
+  const auto options = std::make_shared<request_options>();
+  command->add_option("FILE", options->file, "the session's restore file")->required();
+  command->add_flag("--no-verify", options->unverified,
+                    "do not look whether the helper has done it");
+  command->callback([&asked, run, options] {
+    asked.chosen = [&asked, run, options](std::ostream& out, std::ostream&) {
+      return run(asked, *options, out);
     };
   });
 }
