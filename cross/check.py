@@ -42,7 +42,7 @@ NEWER = {"clock_gettime", "clock_settime", "openat", "fdopendir", "unlinkat", "f
 # The C headers tell since when a function exists, so the compiler is asked about every symbol.
 # These few no C header declares; each has been in the C library since 10.7 or before: what the
 # compiler and the C++ library call, and the loader's part in lazy binding and thread variables.
-OLD_WITHOUT_HEADER = {"__bzero", "__cxa_atexit", "_tlv_bootstrap", "dyld_stub_binder"}
+OLD_WITHOUT_HEADER = {"__bzero", "__cxa_atexit", "_tlv_bootstrap", "dyld_stub_binder", "environ"}
 HEADERS = ("ctype.h dirent.h dlfcn.h errno.h execinfo.h fcntl.h glob.h grp.h langinfo.h libproc.h "
            "locale.h mach-o/dyld.h mach/mach.h mach/mach_time.h math.h netdb.h nl_types.h poll.h "
            "pthread.h pwd.h sched.h semaphore.h setjmp.h signal.h spawn.h stdio.h stdlib.h string.h "

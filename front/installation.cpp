@@ -59,13 +59,7 @@ std::optional<std::vector<std::string>> fill_session_folder(const std::string& e
   if (!helper) return std::nullopt;
   const nil_string bundle = moveAppBundle(exe_path, restore_id);
   if (!bundle) return std::nullopt;
-  return std::vector<std::string>{*helper,
-                                  "-installed",
-                                  "1",
-                                  "-exePath",
-                                  appendPathComponent(*bundle, "Contents/MacOS/korvel"),
-                                  "-restoreFile",
-                                  *restore};
+  return sessionDaemonCommand(*helper, *bundle, *restore);
 }
 
 // The log's file may lie in the session folder, beside the helper copy. Lines that are still
@@ -76,6 +70,24 @@ void delete_session_folder(const std::string& restore_id) {
 }
 
 }  // namespace
+
+std::vector<std::string> sessionDaemonCommand(const std::string& helper, const std::string& bundle,
+                                              const std::string& restore_file) {
+  return {helper,
+          "-installed",
+          "1",
+          "-exePath",
+          appendPathComponent(bundle, "Contents/MacOS/korvel"),
+          "-restoreFile",
+          restore_file};
+}
+
+std::vector<std::string> clientCommand(const std::string& exe_path,
+                                       const std::string& restore_file) {
+  return {
+      exe_path,       "--connect-restore", restore_file, "--on-connect", "desktop?restart=continue",
+      "--auto-close", "--wait-for-console"};
+}
 
 bool installServiceNoInstant() {
   const muro::fmt_dbg log("installServiceNoInstant");
@@ -112,9 +124,7 @@ bool installService(const nil_string& exe_path, const nil_string& restore_file,
 bool installAgent(const nil_string& restore_id, const nil_string& exe_path,
                   const nil_string& restore_file) {
   if (!namesSession(restore_id) || !exe_path || !restore_file) return false;
-  osx::launchd_agent_install(agent_label(*restore_id),
-                             {*exe_path, "--connect-restore", *restore_file, "--on-connect",
-                              "desktop?restart=continue", "--auto-close", "--wait-for-console"});
+  osx::launchd_agent_install(agent_label(*restore_id), clientCommand(*exe_path, *restore_file));
   muro::pause_us(kLaunchdPause_us);
   return agentInstalled(restore_id);
 }

@@ -16,12 +16,22 @@
 /// they must not run at once for one session. An exception that is not said to be caught reaches
 /// the caller (before 10.10 the console's owner may be unknown: ":Error in 'get_console'").
 
+#include <string>
+#include <vector>
+
 #include "platform/platform.h"
 
 using platform::nil_string;
 
 extern const char* const kVeskRNRServiceName;  ///< "com.norvane.korvel.helper"
 extern const char* const kVeskRNRAgentName;    ///< "com.norvane.korvel.restart"
+
+/// The program and arguments of a session's daemon, and of its restart agent: they start the helper's
+/// copy, and the client.
+std::vector<std::string> sessionDaemonCommand(const std::string& helper, const std::string& bundle,
+                                              const std::string& restore_file);
+std::vector<std::string> clientCommand(const std::string& exe_path,
+                                       const std::string& restore_file);
 
 /// Installs the shared daemon, which runs this executable from where it is. True when its job file
 /// exists afterwards. Throws nothing: logs "Failed to install daemon: %1%" with the exception's

@@ -7,37 +7,28 @@
 #include "muro/core/exception.h"
 #include "muro/sys/process.h"
 #include "muro/sys/time.h"
-#include "osx/job_files.h"
+#include "osx/launchctl_words.h"
 #include "osx/launchd_exec.h"
 #include "osx/os_version.h"
 
 namespace {
 
-using arguments = std::vector<std::string>;
+using osx::command_line;
 
-constexpr char kLaunchctl[] = "/bin/launchctl";
-constexpr char kSudo[] = "/usr/bin/sudo";
 constexpr long kIdTimeout_s = 30;
 constexpr long long kSudoTimeout_s = 5;
 constexpr long long kDetached = -1;
 constexpr unsigned long long kAfterLaunchctl_us = 100 * 1000;
 
-arguments launchctl_load(const std::string& label, bool start) {
-  return {kLaunchctl, start ? "load" : "unload", "-S", "Aqua", osx::launchd_agent_path(label)};
-}
-
-// "#" and a number is sudo's form of a user who is named by id.
-void run_as_user(unsigned int uid, const arguments& command) {
-  arguments args{"-u", muro::stringify("#", uid)};
-  args.insert(args.end(), command.begin(), command.end());
-  muro::process::system(kSudo, args, kSudoTimeout_s);
+void run(const command_line& words, long long timeout_s) {
+  muro::process::system(words.front(), {words.begin() + 1, words.end()}, timeout_s);
 }
 
 void load_as_console_user(const muro::fmt_dbg& log, unsigned int uid, const std::string& label,
                           bool start) {
   log.fmt_verbose("trying in session");
   try {
-    run_as_user(uid, launchctl_load(label, start));
+    run(osx::as_user(uid, osx::launchctl_agent(label, start)), kSudoTimeout_s);
   } catch (const muro::exception& e) {
     // Deliberate: the misspelt word is part of the message.
     log.fmt_verbose("failed to run launctl: %1%", e.description());
@@ -47,7 +38,7 @@ void load_as_console_user(const muro::fmt_dbg& log, unsigned int uid, const std:
 void remove_as_console_user(const muro::fmt_dbg& log, unsigned int uid, const std::string& label) {
   log.fmt_verbose("calling remove");
   try {
-    run_as_user(uid, {kLaunchctl, "remove", label});
+    run(osx::as_user(uid, osx::launchctl_remove(label)), kSudoTimeout_s);
   } catch (const muro::exception& e) {
     log.fmt_verbose("failed to run launctl remove: %1%", e.description());
   }
@@ -71,8 +62,8 @@ std::optional<std::string> printed_user_id(const muro::fmt_dbg& log, const std::
   return std::nullopt;
 }
 
-void run_launchctl(const arguments& args) {
-  muro::process::system(kLaunchctl, args, kDetached);
+void run_launchctl(const command_line& words) {
+  run(words, kDetached);
   muro::pause_us(kAfterLaunchctl_us);
 }
 
@@ -84,7 +75,7 @@ void launchd_agent_start(unsigned int uid, const std::string& label, bool start,
   const muro::fmt_dbg log("launchd_agent_start");
   log.fmt_verbose("agent in %1% update (start=%2%) for %3% %4%", uid, start, label, in_console);
   if (!in_console) {
-    launchd_exec(uid, launchctl_load(label, start));
+    launchd_exec(uid, launchctl_agent(label, start));
     return;
   }
   load_as_console_user(log, uid, label, start);
@@ -101,14 +92,11 @@ void launchd_agent_start_v2(unsigned int pid, const std::string& user, const std
                             bool start) {
   const muro::fmt_dbg log("launchd_agent_start_v2");
   log.fmt_verbose("agent in %1% update (start=%2%) for %3%", pid, start, label);
-  const std::string path = osx::launchd_agent_path(label);
   if (!osx::is_os_version_or_later(10, 11)) {
-    run_launchctl({"bsexec", muro::stringify(pid), kSudo, "-u", user, kLaunchctl,
-                   start ? "load" : "unload", path});
+    run_launchctl(osx::launchctl_agent_in_login(pid, user, label, start));
     return;
   }
   const std::optional<std::string> user_id = printed_user_id(log, user);
   if (!user_id) return;
-  // Deliberate: the line end that `id` printed stays in the argument.
-  run_launchctl({start ? "bootstrap" : "bootout", "gui/" + *user_id, path});
+  run_launchctl(osx::launchctl_agent_in_domain(*user_id, label, start));
 }

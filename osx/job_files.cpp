@@ -10,6 +10,7 @@
 #include "muro/sys/xfile.h"
 #include "osx/agent_start.h"
 #include "osx/job_text.h"
+#include "osx/launchctl_words.h"
 #include "osx/os_version.h"
 #include "osx/sessions.h"
 
@@ -117,8 +118,8 @@ void launchd_daemon_start(const std::string& label, bool load) {
   const muro::fmt_dbg log("launchd_daemon_start");
   // Deliberate: the line shows the flag, not the label.
   log.fmt_verbose("launching %1%", load);
-  muro::process::system("/bin/launchctl",
-                        {load ? "load" : "unload", "-w", launchd_daemon_path(label)}, kDetached);
+  const command_line words = launchctl_daemon(label, load);
+  muro::process::system(words.front(), {words.begin() + 1, words.end()}, kDetached);
   muro::pause_us(kAfterLaunchctl_us);
 }
 

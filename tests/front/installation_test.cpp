@@ -1,5 +1,6 @@
 #include "front/installation.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -7,6 +8,7 @@
 
 #include "muro/core/errlog.h"
 #include "muro/sys/files.h"
+#include "muro/sys/unique_fd.h"
 #include "tests/front/mac.h"
 
 using testing::Contains;
@@ -279,21 +281,20 @@ TEST_F(installation, removal_of_no_session_removes_nothing) {
       test::lines(kNoSessions.size(), "Failed to remove launchd daemon plist: Invalid argument"));
 }
 
-// The log's file may lie in the folder, beside the helper copy. A second name of that file shows
-// what was in it when the folder went; the lines before keep the log's thread busy.
+// The log's file may lie in the folder, beside the helper copy. The open file shows what was in it
+// when the folder went; the lines before keep the log's thread busy.
 TEST_F(installation, removal_waits_for_the_log_before_the_folder_goes) {
   const std::string log_file = "/Library/VeskRuntime/sessions/abc/helper/korvel_helper.out";
   test::make_file(test::daemon_file("abc"));
   test::make_file(log_file, "");
-  std::filesystem::create_hard_link(log_file, "/private/var/kept.out");
+  const muro::unique_fd kept(::open(log_file.c_str(), O_RDONLY | O_CLOEXEC));
   muro::errlog::set_log_file(log_file);
   for (int i = 0; i < 5000; ++i) muro::fmt_dbg("test").fmt_verbose("line %1%", i);
   uninstallServiceRemove("abc");
   test::log_to_default_file();
-  EXPECT_THAT(test::content_of("/private/var/kept.out"),
+  EXPECT_THAT(test::content_of("/proc/self/fd/" + std::to_string(kept.get())),
               HasSubstr("uninstallServiceRemove: Removing all related files\n"));
   EXPECT_FALSE(test::exists("/Library/VeskRuntime/sessions/abc"));
-  test::remove_tree("/private/var/kept.out");
 }
 
 // A link in place of the session folder: only the link goes.

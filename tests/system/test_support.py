@@ -1,6 +1,7 @@
 """Status, clean-up and what else the operator's tool tells of whole Macs."""
 
 import json
+import re
 
 import korvel
 from system_case import SystemCase
@@ -183,3 +184,60 @@ class WaitForLaunchd(SupportCase):
         self.register_by_tool()
         self.assertEqual(self.tool("wait", "--loaded", "abc", "--timeout", "20"),
                          "session abc is loaded\n")
+
+
+class Plan(SupportCase):
+    """What plan prints is what the helper does on a Mac of that release."""
+
+    ROAD = [("register", "/Users/alice/abc.dat"), ("resign", "/Users/alice/abc.dat")]
+
+    def planned(self, action, file, release, user):
+        text = self.tool("plan", action, file, "--as-if", release, "--users", user)
+        lines = re.findall("(?m)^(?:run     |submit  to the launchd of user 501: )(.*)$", text)
+        return [[word.replace("\\n", "\n") for word in line.split(" ")] for line in lines], text
+
+    def assert_plan_holds(self, release):
+        self.mac = self.make_mac(release=release)
+        self.mac.boot("alice")
+        login = self.mac.find("login")[-1]
+        user = f"alice:501:{login['pid']}"
+        self.run_helper("-runInstall", "1")
+        self.wait_for_endpoint()
+        self.restore_file()
+        for action, file in self.ROAD:
+            planned, text = self.planned(action, file, release, user)
+            mark = self.mac.mark()
+            self.tool(action, file)
+            done = [event["argv"] for event in self.mac.find("launchctl", since=mark)]
+            for words in planned:
+                if words[0] in ("id", "/bin/rm"):
+                    continue
+                start = words.index("/bin/launchctl") if words[0] == "/usr/bin/sudo" else 0
+                self.assertIn(words[start:], done, text)
+            if action == "register":
+                content = self.mac.read(korvel.agent_path("abc")).decode()
+                self.assertIn("\n    " + content.replace("\n", "\n    ") + "\n", text)
+
+    def test_10_6(self):
+        self.assert_plan_holds("10.6.8")
+
+    def test_10_10(self):
+        self.assert_plan_holds("10.10.5")
+
+    def test_10_11(self):
+        self.assert_plan_holds("10.11.6")
+
+    def test_15(self):
+        self.assert_plan_holds("15")
+
+    def test_touches_nothing(self):
+        before = self.snapshot()
+        for action in ("register", "resign", "install-session", "remove-session"):
+            self.tool("plan", action, "/Users/alice/abc.dat")
+        self.tool("plan", "install")
+        self.assertEqual(self.snapshot(), before)
+
+    def test_wrong_use(self):
+        for words in (["dance", "x.dat"], ["register"], ["register", "x"],
+                      ["register", "x.dat", "--users", "alice"]):
+            self.tool("plan", *words, status=2)

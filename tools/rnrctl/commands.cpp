@@ -58,8 +58,8 @@ void add_commands(CLI::App& app, invocation& asked) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  for (const auto add : {add_requests, add_status, add_doctor, add_sessions, add_wait, add_log,
-                         add_explain, add_bundle, add_completion})
+  for (const auto add : {add_requests, add_status, add_doctor, add_sessions, add_plan, add_wait,
+                         add_log, add_explain, add_bundle, add_completion})
     add(app, asked);
 }
 

@@ -43,6 +43,7 @@ void add_log(CLI::App& app, invocation& asked);
 void add_status(CLI::App& app, invocation& asked);
 void add_doctor(CLI::App& app, invocation& asked);
 void add_sessions(CLI::App& app, invocation& asked);
+void add_plan(CLI::App& app, invocation& asked);
 void add_wait(CLI::App& app, invocation& asked);
 void add_bundle(CLI::App& app, invocation& asked);
 void add_completion(CLI::App& app, invocation& asked);

@@ -175,15 +175,6 @@ std::set<std::string> known_ids(const launchd_view& launchd) {
   return ids;
 }
 
-std::vector<user_session> users_logged_in() {
-  std::vector<user_session> users;
-  for (const auto& [pid, name] : get_sessions_v2()) {
-    const passwd* const entry = ::getpwnam(name.c_str());  // the tool has one thread
-    users.push_back({pid, name, entry ? std::optional<uid_t>(entry->pw_uid) : std::nullopt});
-  }
-  return users;
-}
-
 }  // namespace
 
 bool file_facts::is_regular() const {
@@ -246,6 +237,15 @@ std::string state_of(const session_facts& session) {
   if (loaded && !has_job_file) return "loaded without a file";
   if (!session.restore_file.exists) return "orphaned";
   return "half installed";
+}
+
+std::vector<user_session> users_logged_in() {
+  std::vector<user_session> users;
+  for (const auto& [pid, name] : get_sessions_v2()) {
+    const passwd* const entry = ::getpwnam(name.c_str());  // the tool has one thread
+    users.push_back({pid, name, entry ? std::optional<uid_t>(entry->pw_uid) : std::nullopt});
+  }
+  return users;
 }
 
 survey_result look(const survey_options& options) {

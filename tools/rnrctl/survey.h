@@ -88,6 +88,9 @@ struct user_session {
   std::optional<uid_t> uid;
 };
 
+/// From the login records of the console.
+std::vector<user_session> users_logged_in();
+
 struct survey_result {
   session_facts shared;
   std::vector<session_facts> sessions;  ///< by ID
