@@ -113,6 +113,8 @@ rmdir "$runtime" 2>/dev/null # others may keep things there
 remove "$tools"/korvel_helper "$tools"/korvel_helper*.out* "$tools/korvel_uninstall" \
   /usr/local/bin/rnrctl /usr/local/lib/libkorvel_rnr.a /usr/local/include/client/korvel_rnr.h \
   /usr/local/share/man/man5/korvel_helper.5 /usr/local/share/man/man8/korvel_helper.8 \
-  /usr/local/share/man/man8/rnrctl.8
+  /usr/local/share/man/man8/rnrctl.8 /usr/local/share/bash-completion/completions/rnrctl \
+  /usr/local/share/zsh/site-functions/_rnrctl \
+  /usr/local/share/fish/vendor_completions.d/rnrctl.fish
 if command -v pkgutil >/dev/null; then pkgutil --forget "$receipt" >/dev/null 2>&1; fi
 exit $failed

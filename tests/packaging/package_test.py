@@ -75,7 +75,11 @@ class Packaging(unittest.TestCase):
             self.assertEqual((root / TOOLS / name).stat().st_mode & 0o7777, 0o755)
 
     def test_layout_of_the_tools(self):
-        self.assertEqual(install("tools", self.folder / "root"), ["usr/local/bin/rnrctl"])
+        share = "usr/local/share"
+        self.assertEqual(install("tools", self.folder / "root"),
+                         ["usr/local/bin/rnrctl", f"{share}/bash-completion/completions/rnrctl",
+                          f"{share}/fish/vendor_completions.d/rnrctl.fish",
+                          f"{share}/man/man8/rnrctl.8", f"{share}/zsh/site-functions/_rnrctl"])
 
     def test_unsigned_package(self):
         calls, files = self.make_package()

@@ -30,10 +30,9 @@ std::string joined(const std::vector<std::string>& words) {
   return CLI::detail::join(words, " ");
 }
 
-// The same for bash and zsh, which reads it through its bashcompinit.
 std::string bash(const std::vector<place>& places) {
   std::string text =
-      "# Completion of rnrctl for bash; zsh: autoload -U bashcompinit && bashcompinit first.\n"
+      "# Completion of rnrctl for bash; made by rnrctl completion.\n"
       "_rnrctl() {\n"
       "  local word=${COMP_WORDS[COMP_CWORD]} words= i\n"
       "  for ((i = 1; i < COMP_CWORD; ++i)); do\n"
@@ -58,6 +57,11 @@ std::string bash(const std::vector<place>& places) {
   return text;
 }
 
+// Zsh reads bash's form through its bashcompinit.
+std::string zsh(const std::vector<place>& places) {
+  return "#compdef rnrctl\nautoload -U +X bashcompinit && bashcompinit\n" + bash(places);
+}
+
 std::string quoted(std::string text) {
   std::string out = "'";
   for (const char c : text) out += c == '\'' ? "\\'" : std::string(1, c);
@@ -65,7 +69,7 @@ std::string quoted(std::string text) {
 }
 
 std::string fish(const std::vector<place>& places) {
-  std::string text = "# Completion of rnrctl for fish.\n";
+  std::string text = "# Completion of rnrctl for fish; made by rnrctl completion.\n";
   for (const place& each : places) {
     const std::string where = each.words.empty() ? "__fish_use_subcommand"
                                                  : "__fish_seen_subcommand_from " +
@@ -103,7 +107,8 @@ void add_completion(CLI::App& app, invocation& asked) {
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
   command->callback([&asked, shell] {
     asked.chosen = [shell](std::ostream& out, std::ostream&) {
-      out << (*shell == "fish" ? fish(all_places()) : bash(all_places()));
+      const auto write = *shell == "fish" ? fish : *shell == "zsh" ? zsh : bash;
+      out << write(all_places());
       return exit_status::done;
     };
   });
