@@ -52,7 +52,7 @@ class Campaign:
         outcomes = []
         for _ in range(times):
             outcomes.append(self.run(None, record=True))
-            self.judge(None, outcomes[-1], "")
+            self.judge(None, outcomes[-1])
             if outcomes[-1].end != self.role.status:
                 self.findings.append(Finding(self.role.name, "no fault", "ending",
                                              f"ended with {outcomes[-1].end}"))
@@ -77,14 +77,14 @@ class Campaign:
         else:
             tally.injected += 1
             tally.ends[outcome.end] += 1
-        changes = self.judge(fault, outcome, "", leave=True)
+        changes = self.judge(fault, outcome, leave=True)
         if fault.kind == "kill" and outcome.end == promises.KILLED:
             changes = self.run_again(fault, outcome, tally)
         self.machine.tree.put_back(changes)
 
-    def judge(self, fault, outcome, accepted_before, role=None, leave=False):
+    def judge(self, fault, outcome, role=None, killed_before=None, leave=False):
         changes = self.machine.tree.changes()
-        run = promises.Run(role or self.role, fault, outcome, changes, accepted_before)
+        run = promises.Run(role or self.role, fault, outcome, changes, killed_before)
         self.findings += [Finding(self.role.name, str(fault or "no fault"), promise, text)
                           for promise, text in promises.complaints(run)]
         if not leave:
@@ -105,7 +105,7 @@ class Campaign:
         outcome = self.run(None)
         tally.again[outcome.end] += 1
         before = len(self.findings)
-        changes = self.judge(None, outcome, killed.accepted, role, leave=True)
+        changes = self.judge(None, outcome, role, killed, leave=True)
         for finding in self.findings[before:]:
             finding.fault = f"{fault}, then run again"
         return changes

@@ -17,13 +17,13 @@ USERS_PLACES = re.compile(r"(/private)?/tmp/|/Users/")
 class Run:
     """What one run is judged by."""
 
-    def __init__(self, role, fault, outcome, changes, accepted_before=""):
+    def __init__(self, role, fault, outcome, changes, killed_before=None):
         self.role = role
         self.fault = fault
         self.outcome = outcome
         self.changes = changes
-        self.accepted = accepted_before + outcome.accepted
-        self.after_kill = bool(accepted_before)
+        self.after_kill = killed_before is not None
+        self.accepted = (killed_before.accepted if killed_before else "") + outcome.accepted
 
     @property
     def killed(self):
@@ -78,6 +78,8 @@ def hanging(run):
 def places(run):
     """Nothing outside the named places changed."""
     allowed = run.role.places + (roles.REMOVED_PLACES if found_missing(run.fault) else [])
+    if run.killed or run.after_kill:
+        allowed = allowed + roles.UNFINISHED_FILES
     for path, how in sorted(run.changes.items()):
         if not any(re.fullmatch(place, path) for place in allowed):
             yield f"{how}: {path}"

@@ -26,6 +26,11 @@ TEST_PLACES = [rf"/private/tmp/{TEST_ID}\.dat", r"/Library/VeskRuntime", korvel.
                korvel.daemon_path(TEST_ID).replace(".", r"\."),
                korvel.agent_path(TEST_ID).replace(".", r"\.")]
 
+# What a kill may leave of a job file that was being written: no job, and gone with the next writing.
+UNFINISHED_FILES = [path.replace(".plist", ".new").replace(".", r"\.") for path in
+                    (korvel.agent_path(ID), korvel.daemon_path(ID), korvel.daemon_path(),
+                     korvel.daemon_path(TEST_ID))]
+
 
 def client(socket, *requests):
     return ["CLIENT", socket, *(word for request in requests for word in request)]
