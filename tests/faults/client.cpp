@@ -2,7 +2,8 @@
 // line: "answered", "dropped" (the connection closed without a whole answer), "silent" (none within
 // the limit) or "refused" (nothing listens).
 //
-// After a silence the rest is not asked for.
+// After a silence the rest is not asked for; where the last answer is missing, the last request is
+// made once more.
 //
 //     faults_client SECONDS SOCKET (COMMAND ARGUMENT)...
 
@@ -71,11 +72,15 @@ std::string ask(const char* path, const std::string& request, int limit_s) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  bool again = true;
   for (int i = 3; i + 1 < argc; i += 2) {
     const std::string body = field(argv[i + 1]) + field(argv[i]);
     const std::string result = ask(argv[2], frame(body), std::atoi(argv[1]));
     std::printf("%s\n", result.c_str());
     std::fflush(stdout);
     if (result == "silent") return 0;
+    if (i + 3 < argc || result == "answered" || !again) continue;
+    again = false;
+    i -= 2;
   }
 }

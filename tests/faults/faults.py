@@ -7,7 +7,8 @@
 Each role runs once to record its calls, from the mark at the beginning of main on. Then each call
 fails in turn with every error that the table (errors.py) has for it, once and from there on, and
 the process is killed at each call and run again; after every run the promises (promises.py) are
-checked. --sample draws so many faults, by --seed; --one runs a single one, written as it is
+checked. --sample draws so many faults of each role, by --seed, and adds those that have found
+something before; without --seed it is KORVEL_FAULTS_SEED, or else the commit. --one runs a single one, written as it is
 printed; --controls tries programs that break one promise each. The status is 1 when a promise was broken, 77 when this machine allows no private root.
 """
 
@@ -26,7 +27,7 @@ import controls  # noqa: E402
 import roles  # noqa: E402
 from campaign import Campaign  # noqa: E402
 from machine import Machine, Tree  # noqa: E402
-from plan import plan, sample, thinned  # noqa: E402
+from plan import found_before, plan, sample, thinned  # noqa: E402
 
 GROUPS = ("once", "lasting", "short", "kill")
 INSIDE = "KORVEL_FAULTS_INSIDE"
@@ -39,20 +40,30 @@ def arguments():
                                                           str(SOURCE / "build/debug")))
     parser.add_argument("--role", action="append", default=[])
     parser.add_argument("--sample", type=int)
-    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--seed")
     parser.add_argument("--one")
     parser.add_argument("--list", action="store_true")
     parser.add_argument("--controls", action="store_true")
     return parser.parse_args()
 
 
-def enter(build):
+def chosen_seed():
+    """The seed for a run without one: another for each commit, the same for all runs of one."""
+    if "KORVEL_FAULTS_SEED" in os.environ:
+        return os.environ["KORVEL_FAULTS_SEED"]
+    head = subprocess.run(["git", "-C", str(SOURCE), "rev-parse", "--short", "HEAD"],
+                          capture_output=True, text=True, check=False)
+    return head.stdout.strip() or "1"
+
+
+def enter(build, seed):
     """The same program again, inside a root. Tracer and traced hand over to each other all the
     time, which costs half as much on one processor."""
     processor = str(sorted(os.sched_getaffinity(0))[-1])
     command = [f"{build}/sim/macroot-run", "--build", build, "--source", str(SOURCE),
                "--env", f"{INSIDE}=1", "--", *ONE_PROCESSOR, processor,
-               "/usr/bin/python3", "-ISB", str(HERE / "faults.py"), *sys.argv[1:]]
+               "/usr/bin/python3", "-ISB", str(HERE / "faults.py"), *sys.argv[1:],
+               "--seed", seed]
     done = subprocess.run(command, check=False)
     if done.returncode == 77 and os.environ.get("CI", "") not in ("", "0", "false"):
         return 1
@@ -73,6 +84,7 @@ def run_role(machine, empty, role, options):
     kept = thinned(calls)
     faults = plan(kept)
     drawn = sample(faults, options.sample, f"{options.seed} {role.name}")
+    drawn += [fault for fault in found_before(role.name, faults) if fault not in drawn]
     if options.one:
         drawn = [fault for fault in faults if str(fault) == options.one]
     if options.list:
@@ -110,7 +122,7 @@ def table(campaigns):
 def main():
     options = arguments()
     if INSIDE not in os.environ:
-        return enter(options.build)
+        return enter(options.build, options.seed or chosen_seed())
     if one_id():
         print("this machine gives a private root only one user id")
         return 77

@@ -76,9 +76,7 @@ def faults_of(call):
 
 
 def plan(calls):
-    """All faults for the calls of a recorded run. A lasting fault, which begins at the call that
-    its thread makes first after a call of another name, stands for those that begin later in the
-    same row of calls."""
+    """All faults for the calls of a recorded run."""
     return [fault for call in calls for fault in faults_of(call)]
 
 
@@ -95,3 +93,25 @@ def sample(faults, count, seed):
     drawn = sorted(weights, key=lambda fault: source.random() ** (1 / weights[fault]),
                    reverse=True)[:count]
     return [fault for fault in faults if fault in set(drawn)]
+
+
+#: Faults that once broke a promise: role, call, a piece of its path, kind. They are in every sample.
+FOUND_BEFORE = [
+    # A restore file that could not be looked at counted as missing, and the session was removed.
+    ("serve-session", "newfstatat", "/abc.dat", "EIO"),
+    ("serve-session", "newfstatat", "/abc.dat", "ENOMEM"),
+    # A job file was written in its place, and stayed there half written.
+    ("install", "write", "/LaunchDaemons/", "ENOSPC"),
+    ("install", "write", "/LaunchDaemons/", "kill"),
+    # A folder that had been closed, but with a failure, was closed again.
+    ("remove", "close", "/sessions/abc", "EINTR"),
+    # The log wrote at the beginning of its file when it could not go to the end.
+    ("install", "lseek", "/korvel_helper", "EIO"),
+]
+
+
+def found_before(role, faults):
+    return [fault for fault in faults
+            if any((role, fault.call.name, fault.kind) == (name, call, kind)
+                   and piece in fault.call.detail
+                   for name, call, piece, kind in FOUND_BEFORE)]
