@@ -44,7 +44,7 @@ def convict(machine, empty, program, promise, text):
     calls = campaign.record(1)
     if campaign.findings and program != "answers-nobody":
         yield f"{program} is accused although nothing failed: {campaign.findings[0]}"
-    for fault in plan(calls):
+    for fault in plan(calls, calls):
         campaign.try_fault(fault)
     found = campaign.findings
     if promise and not any(f.promise == promise and text in f.text for f in found):

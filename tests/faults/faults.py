@@ -82,7 +82,7 @@ def run_role(machine, empty, role, options):
     campaign = Campaign(machine, empty, role)
     calls = campaign.record()
     kept = thinned(calls)
-    faults = plan(kept)
+    faults = plan(kept, calls)
     drawn = sample(faults, options.sample, f"{options.seed} {role.name}")
     drawn += [fault for fault in found_before(role.name, faults) if fault not in drawn]
     if options.one:

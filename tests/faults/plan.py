@@ -7,6 +7,7 @@ from dataclasses import dataclass
 
 from errors import BURST, ERRORS, FOR_EVER, PASSING
 
+USER_CALLS = ("setuid", "setreuid", "setresuid")
 #: Of calls in like places this many from the front get their faults, and the last one.
 FIRST_OF_LIKE = 2
 
@@ -37,13 +38,13 @@ class Fault:
         """The column of the table that it counts in."""
         if self.kind in ("kill", "short"):
             return self.kind
-        return "once" if self.repeat == 1 else "lasting"
+        return "lasting" if self.repeat in (BURST, FOR_EVER) else "once"
 
     def words(self):
         return self.call.who, self.call.name, self.call.number, self.kind, self.repeat
 
     def __str__(self):
-        times = {1: "", BURST: f" {BURST} times", FOR_EVER: " from there on"}[self.repeat]
+        times = {BURST: f" {BURST} times", FOR_EVER: " from there on"}.get(self.repeat, "")
         return f"{self.call}: {self.kind}{times}"
 
 
@@ -75,9 +76,28 @@ def faults_of(call):
     return found + [Fault(call, "kill")]
 
 
-def plan(calls):
-    """All faults for the calls of a recorded run."""
-    return [fault for call in calls for fault in faults_of(call)]
+def switches(calls):
+    """The changes of the effective user, each as a call of all threads and their number: the C
+    library has every thread make it, and ends the process where only some of them can."""
+    found = []
+    threads = set()
+    for number, call in enumerate((c for c in calls if c.name in USER_CALLS), 1):
+        if not found or call.who in threads or call.name != found[-1][0].name:
+            found.append([Call("*", call.name, number), 0])
+            threads = set()
+        threads.add(call.who)
+        found[-1][1] += 1
+    return found
+
+
+def plan(calls, recorded):
+    """All faults for the chosen calls of a recorded run."""
+    found = [fault for call in calls for fault in faults_of(call)
+             if fault.kind == "kill" or call.name not in USER_CALLS]
+    for call, threads in switches(recorded):
+        for error in ERRORS[call.name]:
+            found += [Fault(call, error, threads), Fault(call, error, FOR_EVER)]
+    return found
 
 
 def sample(faults, count, seed):
@@ -111,7 +131,12 @@ FOUND_BEFORE = [
 
 
 def found_before(role, faults):
-    return [fault for fault in faults
-            if any((role, fault.call.name, fault.kind) == (name, call, kind)
-                   and piece in fault.call.detail
-                   for name, call, piece, kind in FOUND_BEFORE)]
+    """Those of the list that are this role's; LookupError when one of them comes up no more."""
+    found = []
+    for name, call, piece, kind in FOUND_BEFORE:
+        matching = [fault for fault in faults if piece in fault.call.detail
+                    and (role, fault.call.name, fault.kind) == (name, call, kind)]
+        if role == name and not matching:
+            raise LookupError(f"{name} makes no call {call} of {piece} any more: see FOUND_BEFORE")
+        found += matching
+    return found

@@ -7,9 +7,9 @@ from collections import Counter
 
 import korvel
 import roles
+from plan import USER_CALLS
 
 ABORT, KILLED, TERMINATED = "signal 6", "signal 9", "signal 15"
-USER_CALLS = ("setuid", "setreuid", "setresuid")
 NO_MEMORY_FOR_IT = ("brk", "mmap", "mremap", "mprotect", "munmap", "madvise")
 USERS_PLACES = re.compile(r"(/private)?/tmp/|/Users/")
 
@@ -93,7 +93,7 @@ def users(run):
             yield f"connects to {path[0]} as root"
     for words in run.outcome.of("as-user"):
         yield "as user " + " ".join(words)
-    for user, in run.outcome.of("stays"):
+    for user, in run.outcome.of("stays") if run.outcome.end != KILLED else []:
         yield f"ends as user {user}"
 
 
@@ -171,8 +171,8 @@ def agent_arguments(role):
 def service(run):
     """What has failed once is over: the next request is answered, unless the log tells that there
     is no endpoint."""
-    once = run.fault is None or run.fault.repeat == 1
-    if not run.role.serves or not once or run.outcome.end != TERMINATED:
+    over = run.fault is None or run.fault.group != "lasting"
+    if not run.role.serves or not over or run.outcome.end != TERMINATED:
         return
     if "cannot be opened" in run.outcome.accepted:
         return

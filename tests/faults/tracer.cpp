@@ -44,6 +44,7 @@ struct tracee {
   int children = 0;
   std::string name;  ///< of the call it is in
   int number = 0;
+  std::string detail;
   std::uint64_t arguments[6] = {};
   std::map<std::string, int> made;
   int error = 0;            ///< to be given back when the call ends
@@ -298,6 +299,9 @@ class run {
     one.name = call_name(number, arguments[1]);
     std::memcpy(one.arguments, arguments, sizeof one.arguments);
     one.number = ++one.made[one.name];
+    ++made_[one.name];
+    // Told later, but known now: a call may close what it is about.
+    if (job_.record) one.detail = detail(pid, one);
     watch_user(pid, one);
     if (is_due(one)) inject(pid, one);
   }
@@ -312,7 +316,9 @@ class run {
   bool is_due(const tracee& one) const {
     const fault& what = job_.what;
     if (what.who.empty() || one.name != what.call || hits_ >= what.repeat) return false;
-    return hits_ > 0 || (one.who == what.who && one.number == what.number);
+    if (hits_ > 0) return true;
+    if (what.who == "*") return made_.at(one.name) == what.number;
+    return one.who == what.who && one.number == what.number;
   }
 
   void inject(pid_t pid, tracee& one) {
@@ -385,7 +391,7 @@ class run {
     if (result == 0 && one.name.compare(0, 3, "set") == 0) note_user(one);
     if (job_.record)
       tell_("call " + one.who + " " + one.name + " " + std::to_string(one.number) + " " +
-            std::to_string(result) + " " + detail(pid, one));
+            std::to_string(result) + " " + one.detail);
   }
 
   static void note_user(tracee& one) {
@@ -458,6 +464,7 @@ class run {
   bool killed_ = false;
   bool gave_up_ = false;
   std::int64_t break_ = 0;
+  std::map<std::string, int> made_;  ///< calls of each name, whoever made them
   std::map<pid_t, tracee> tracees_;
   std::set<pid_t> early_;
   std::set<pid_t> strays_;

@@ -24,7 +24,7 @@ namespace faults {
 inline constexpr long kMark = 0x2fa17;
 
 struct fault {
-  std::string who;  ///< empty: no fault
+  std::string who;  ///< empty: no fault; "*": whoever makes it, all counted together
   std::string call;
   int number = 0;  ///< from 1
   /// "kill", "short" (one byte is transferred), or an error's name.
