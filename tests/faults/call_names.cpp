@@ -220,6 +220,12 @@ int count_argument(const std::string& name) {
   return entry == nullptr ? -1 : entry->count;
 }
 
+bool is_about_descriptor(const std::string& name) {
+  static const auto* const names = new std::set<std::string>{
+      "read", "write", "close", "fstat", "lseek", "getdents64", "fchmod", "fchown", "ftruncate"};
+  return names->count(name) != 0;
+}
+
 #define ERROR(name) \
   { #name, name }
 

@@ -22,6 +22,9 @@ int path_argument(const std::string& name);
 /// Which argument holds the number of bytes (for sendmsg and recvmsg: the message), -1 for none.
 int count_argument(const std::string& name);
 
+/// Whether its first argument is the descriptor of what the call is about.
+bool is_about_descriptor(const std::string& name);
+
 /// The error's number ("ENOSPC"); 0 for a name that the table does not have.
 int error_number(const std::string& name);
 

@@ -55,11 +55,14 @@ def calls_of(outcome):
 
 def thinned(calls):
     """The calls that get faults. Calls are in like places when the same thread makes the same call
-    of the same path right after the same call; numbers in paths do not count."""
+    of the same path right after the same call; numbers in paths do not count, nor does which of a
+    thread's children it is: they all go the same way to their programs."""
     before = {}
     alike = defaultdict(list)
     for call in calls:
-        place = (call.who, call.name, before.get(call.who), re.sub(r"\d+", "N", call.detail))
+        thread, dot, child = call.who.partition(".")
+        place = (thread + dot + re.sub(r"\d+", "N", child), call.name, before.get(call.who),
+                 re.sub(r"\d+", "N", call.detail))
         alike[place].append(call)
         before[call.who] = call.name
     kept = set()

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/user.h>
 #include <sys/wait.h>
@@ -16,10 +15,10 @@
 #include <cstring>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 
 #include "tests/faults/call_names.h"
+#include "tests/faults/traced_process.h"
 
 namespace faults {
 namespace {
@@ -59,44 +58,6 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
   for (const std::string& word : words) all.push_back(const_cast<char*>(word.c_str()));
   all.push_back(nullptr);
   return all;
-}
-
-bool read_memory(pid_t pid, std::uint64_t address, void* to, std::size_t size) {
-  iovec here{to, size};
-  iovec there{reinterpret_cast<void*>(address), size};
-  return ::process_vm_readv(pid, &here, 1, &there, 1, 0) == static_cast<ssize_t>(size);
-}
-
-void write_memory(pid_t pid, std::uint64_t address, const void* from, std::size_t size) {
-  iovec here{const_cast<void*>(from), size};
-  iovec there{reinterpret_cast<void*>(address), size};
-  ::process_vm_writev(pid, &here, 1, &there, 1, 0);
-}
-
-std::string read_text(pid_t pid, std::uint64_t address) {
-  std::string text;
-  for (char byte; text.size() < 300 && read_memory(pid, address + text.size(), &byte, 1) && byte;)
-    text += byte > ' ' && byte < 127 ? byte : '?';
-  return text;
-}
-
-std::string status_field(pid_t pid, const std::string& name) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(file, line);)
-    if (line.compare(0, name.size() + 1, name + ":") == 0) return line.substr(name.size() + 1);
-  return "";
-}
-
-pid_t process_of(pid_t thread) {
-  return std::atoi(status_field(thread, "Tgid").c_str());
-}
-
-int effective_user(pid_t pid) {
-  std::istringstream ids(status_field(pid, "Uid"));
-  int real = 0;
-  int effective = -1;
-  ids >> real >> effective;
-  return effective;
 }
 
 class run {
@@ -404,7 +365,10 @@ class run {
 
   static std::string detail(pid_t pid, const tracee& one) {
     const int at = path_argument(one.name);
-    if (at < 0) return descriptor_of(pid, one);
+    if (at < 0)
+      return is_about_descriptor(one.name)
+                 ? descriptor_target(pid, static_cast<int>(one.arguments[0]))
+                 : "";
     if (one.name != "connect" && one.name != "bind") {
       std::string text = read_text(pid, one.arguments[at]);
       if (one.name == "rename") text += " -> " + read_text(pid, one.arguments[1]);
@@ -413,19 +377,6 @@ class run {
       return text;
     }
     return read_text(pid, one.arguments[at] + offsetof(sockaddr_un, sun_path));
-  }
-
-  static std::string descriptor_of(pid_t pid, const tracee& one) {
-    static const auto* const on_descriptors = new std::set<std::string>{
-        "read", "write", "close", "fstat", "lseek", "getdents64", "fchmod", "fchown", "ftruncate"};
-    if (on_descriptors->count(one.name) == 0) return "";
-    char target[256];
-    const std::string link = "/proc/" + std::to_string(pid) + "/fd/" +
-                             std::to_string(static_cast<int>(one.arguments[0]));
-    const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
-    std::string text(target, length > 0 ? static_cast<std::size_t>(length) : 0);
-    for (char& byte : text) byte = byte == ' ' ? '_' : byte;
-    return text;
   }
 
   // Programs that the process has started detached, and those that outlived it when it was killed.
