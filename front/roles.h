@@ -13,6 +13,8 @@
 ///
 /// The first row that fits counts. "With an ID" means that the restore ID of the file names a
 /// session (`namesSession`): an ID that could lead out of the sessions' folder is as good as none.
+/// "Missing" means known to be: a file that could not be looked at for another reason (no memory, a
+/// disk's fault, a right that a server refuses) counts as there, as its removal could not be undone.
 
 #include <string>
 
