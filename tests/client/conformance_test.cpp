@@ -40,7 +40,8 @@ struct from_string {
 };
 
 TEST(conformance, the_library_writes_the_packets) {
-  for (const json& vector : vectors().at("requests")) {
+  const json all = vectors();
+  for (const json& vector : all.at("requests")) {
     const std::string argument = bytes_of(vector.at("argument_hex"));
     const std::string command = vector.at("command");
     std::string packet(400, '\0');
@@ -51,7 +52,8 @@ TEST(conformance, the_library_writes_the_packets) {
 }
 
 TEST(conformance, the_helper_reads_the_frames) {
-  for (const json& vector : vectors().at("requests")) {
+  const json all = vectors();
+  for (const json& vector : all.at("requests")) {
     from_string connection{bytes_of(vector.at("frame_hex"))};
     std::string packet, command, argument;
     ASSERT_TRUE(ipc_priv::read_frame(connection, packet)) << vector.at("name");
@@ -64,7 +66,8 @@ TEST(conformance, the_helper_reads_the_frames) {
 }
 
 TEST(conformance, both_find_the_same_ids) {
-  for (const json& vector : vectors().at("session_ids")) {
+  const json all = vectors();
+  for (const json& vector : all.at("session_ids")) {
     const std::string file = vector.at("restore_file");
     const std::string expected = vector.at("id").is_null() ? "" : vector.at("id");
     std::string id(file.size() + 1, '\0');
@@ -76,7 +79,8 @@ TEST(conformance, both_find_the_same_ids) {
 }
 
 TEST(conformance, both_find_the_same_sockets) {
-  for (const json& vector : vectors().at("endpoints")) {
+  const json all = vectors();
+  for (const json& vector : all.at("endpoints")) {
     const std::string name = vector.at("name");
     char path[KORVEL_RNR_PATH_ROOM];
     korvel_rnr_endpoint_path(path, name.c_str());

@@ -132,7 +132,7 @@ def measure(build):
     # flag does tell, and read_measure leaves them out.
     out = build / "coverage.json"
     words = ["gcovr", "--root", str(ROOT), "--json", str(out), "-j", "2",
-             "--exclude-unreachable-branches"]
+             "--exclude-unreachable-branches", "--gcov-ignore-parse-errors"]
     for folder in MEASURED + BESIDE:
         words += ["--filter", f"{re.escape(str(ROOT))}/{folder}/"]
     subprocess.run(words + [str(build)], check=True, cwd=ROOT)

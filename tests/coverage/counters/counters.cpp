@@ -2,10 +2,12 @@
 // program of the preset "coverage", and into no other: the linker's --wrap leads the calls here.
 //
 // The library of the counters writes them when a process ends by exit. A forked child that ends by
-// _exit, exec, a deadly signal to itself or an uncaught exception would take its own with it.
+// _exit, exec, a deadly signal to itself or an uncaught exception would take its own with it. Not
+// wrapped is execv, which GoogleTest calls on a stack that is too small for the saving.
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,7 +19,6 @@ void __gcov_reset();
 [[noreturn]] void __real__exit(int status);
 [[noreturn]] void __real_abort();
 int __real_kill(pid_t pid, int signal);
-int __real_execv(const char* path, char* const argv[]);
 int __real_execvp(const char* file, char* const argv[]);
 int __real_execve(const char* path, char* const argv[], char* const envp[]);
 }
@@ -26,10 +27,27 @@ namespace {
 
 std::terminate_handler g_terminate = nullptr;
 
+/// Some tests limit how much a process may write; a half-written file of counters is worse than none.
+class no_file_limit {
+ public:
+  no_file_limit() {
+    const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    ::setrlimit(RLIMIT_FSIZE, &none);
+  }
+  ~no_file_limit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+  no_file_limit(const no_file_limit&) = delete;
+  no_file_limit& operator=(const no_file_limit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
 /// Writes the counters below the one folder that a Mac root shows writable, as files that the
 /// processes of every user may add to. What the library complains about goes to a file there: the
 /// tests read standard error.
 void save() {
+  const no_file_limit unlimited;
   char** const environment = environ;
   const mode_t mask = ::umask(0);
   ::setenv("GCOV_PREFIX", KORVEL_PROFILE_FOLDER, 1);
@@ -77,11 +95,6 @@ extern "C" {
 int __wrap_kill(pid_t pid, int signal) {
   if (pid == ::getpid() && signal == SIGKILL) save();
   return __real_kill(pid, signal);
-}
-
-int __wrap_execv(const char* path, char* const argv[]) {
-  save();
-  return came_back(__real_execv(path, argv));
 }
 
 int __wrap_execvp(const char* file, char* const argv[]) {
