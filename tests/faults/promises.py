@@ -150,22 +150,18 @@ def expects_all_lines(run):
 
 def job_files(run):
     """A job file is whole, or as it was, or not there."""
+    clients = (korvel.CLIENT, korvel.session_bundle(roles.ID) + "/Contents/MacOS/korvel")
     wanted = {
         korvel.agent_path(roles.ID):
-            korvel.agent_file(korvel.agent_label(roles.ID), agent_arguments(run.role)),
+            [korvel.agent_file(korvel.agent_label(roles.ID),
+                               korvel.client_arguments(roles.ID, client)) for client in clients],
         korvel.daemon_path(roles.ID):
-            korvel.daemon_file(korvel.daemon_label(roles.ID),
-                               korvel.session_daemon_arguments(roles.ID)),
-        korvel.daemon_path(): korvel.daemon_file(korvel.daemon_label(), [run.role.program])}
-    for path, content in wanted.items():
-        if os.path.exists(path) and pathlib.Path(path).read_bytes() != content:
+            [korvel.daemon_file(korvel.daemon_label(roles.ID),
+                                korvel.session_daemon_arguments(roles.ID))],
+        korvel.daemon_path(): [korvel.daemon_file(korvel.daemon_label(), [run.role.program])]}
+    for path, contents in wanted.items():
+        if os.path.exists(path) and pathlib.Path(path).read_bytes() not in contents:
             yield f"torn: {path}"
-
-
-def agent_arguments(role):
-    own = role.name in ("serve-session",)
-    client = korvel.session_bundle(roles.ID) + "/Contents/MacOS/korvel" if own else korvel.CLIENT
-    return korvel.client_arguments(roles.ID, client)
 
 
 def service(run):

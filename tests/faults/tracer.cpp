@@ -138,10 +138,11 @@ class run {
   }
 
   // With something left to be told to: blocked, all of it, for a while and with no child to wait
-  // for; or at least busy for so long with the same few calls that it will not come to rest.
+  // for; or listening already, and busy for so long that it will not come to rest.
   bool rests() const {
     if (step_ != 0 || next_step_ >= job_.steps.size() || tracees_.count(main_) == 0) return false;
-    if (clock::now() - last_step_ > std::chrono::milliseconds(kRestless_ms)) return true;
+    if (listens_ && clock::now() - last_step_ > std::chrono::milliseconds(kRestless_ms))
+      return true;
     for (const auto& [pid, one] : tracees_)
       if (!one.counted || !one.in_call || !is_blocking(one.name)) return false;
     return clock::now() - last_event_ > std::chrono::milliseconds(kRest_ms) && !has_children();
@@ -265,6 +266,9 @@ class run {
     if (job_.record) one.detail = detail(pid, one);
     watch_user(pid, one);
     if (is_due(one)) inject(pid, one);
+    if (one.name != "listen") return;
+    listens_ = true;
+    last_step_ = clock::now();
   }
 
   void watch_user(pid_t pid, const tracee& one) {
@@ -412,6 +416,7 @@ class run {
   std::size_t next_step_ = 0;
   int threads_ = 0;
   int hits_ = 0;
+  bool listens_ = false;
   bool killed_ = false;
   bool gave_up_ = false;
   std::int64_t break_ = 0;
