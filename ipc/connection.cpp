@@ -48,11 +48,15 @@ void connection::begin_transfer() {
   limit_ = muro::time_limit(limit_ms_);
 }
 
+// What is there already is taken without asking poll. Once a piece was short, more has to come
+// first.
 bool connection::read(unsigned char* bytes, int length) {
+  bool may_be_there = true;
   while (length > 0) {
-    if (!wait_for(POLLIN)) return false;
+    if (!may_be_there && !wait_for(POLLIN)) return false;
     const ssize_t got =
         ::recv(descriptor_.get(), bytes, static_cast<std::size_t>(length), MSG_DONTWAIT);
+    may_be_there = false;
     if (got < 0 && would_block()) continue;
     if (got <= 0) return false;
     bytes += got;
@@ -62,10 +66,12 @@ bool connection::read(unsigned char* bytes, int length) {
 }
 
 bool connection::write(const unsigned char* bytes, int length) {
+  bool may_have_room = true;
   while (length > 0) {
-    if (!wait_for(POLLOUT)) return false;
+    if (!may_have_room && !wait_for(POLLOUT)) return false;
     const ssize_t sent = ::send(descriptor_.get(), bytes, static_cast<std::size_t>(length),
                                 MSG_DONTWAIT | kNoSignal);
+    may_have_room = false;
     if (sent < 0 && would_block()) continue;
     if (sent <= 0) return false;
     bytes += sent;

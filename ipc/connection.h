@@ -10,6 +10,7 @@ namespace ipc_priv {
 /// Moves bytes over an accepted connection, each transfer within a time limit and only until the
 /// server is told to stop. The connection itself is in blocking mode, as its handler may expect;
 /// the transfers here wait in poll, together with the stop pipe, and never in a read or write.
+/// What a client has sent already is taken even when the server is to stop meanwhile.
 /// Belongs to the server's thread.
 class connection {
  public:

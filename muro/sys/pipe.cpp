@@ -9,8 +9,7 @@ namespace muro {
 constinit detail::pipe_function detail::g_pipe = ::pipe;
 
 void set_close_on_exec(int descriptor) noexcept {
-  const int flags = ::fcntl(descriptor, F_GETFD);
-  if (flags != -1) ::fcntl(descriptor, F_SETFD, flags | FD_CLOEXEC);
+  ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);  // there is no other descriptor flag (fcntl(2))
 }
 
 bool open_pipe(pipe_ends& out) noexcept {

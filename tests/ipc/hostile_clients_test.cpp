@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <future>
 #include <thread>
 #include <vector>
@@ -253,43 +254,52 @@ TEST_F(server, client_that_resets_its_connection_costs_nothing) {
 }
 
 /// The time of a client, seen without waiting for it: the clock stands at 0 and leaps at one of the
-/// server's looks at it. It looks as each transfer begins and before each of its waits, which are
-/// two for a frame that comes at once and has a body.
+/// server's looks at it. It looks as each transfer begins and before each of its waits; how many
+/// waits a frame needs depends on how soon its bytes come.
 class frame_time : public server {
  protected:
   frame_time() {
     looks_ = 0;
-    muro::x_relative_time = [] { return ++looks_ >= leap_at_ ? leap_ms_ : 0; };
+    leap_at_ = INT_MAX;
+    muro::x_relative_time = [] { return ++looks_ >= leap_at_ ? leap_ms_.load() : 0; };
   }
   ~frame_time() override {
     server_.reset();
     muro::x_relative_time = nullptr;
   }
-  static void leap(int at_look, long long to_ms) {
-    leap_at_ = at_look;
+  /// At so many looks from now; on the server's thread, or before it looks.
+  static void leap_in(int looks, long long to_ms) {
     leap_ms_ = to_ms;
+    leap_at_ = looks_ + looks;
   }
-  static void await_look(int number) {
-    while (looks_ < number) std::this_thread::yield();
+  static void await_leap() {
+    while (looks_ < leap_at_) std::this_thread::yield();
+  }
+  /// A reply that a client has to take piece by piece; the clock leaps at the first wait for it.
+  void start_with_long_reply(long long to_ms) {
+    start_with([to_ms](long, const std::string&) {
+      leap_in(2, to_ms);
+      return std::string(kMiB, 'r');
+    });
   }
 
   static inline std::atomic<int> looks_{0};
-  static inline int leap_at_ = 0;
-  static inline long long leap_ms_ = 0;
+  static inline std::atomic<int> leap_at_{INT_MAX};
+  static inline std::atomic<long long> leap_ms_{0};
 };
 
 TEST_F(frame_time, request_has_thirty_seconds_to_its_last_byte) {
-  leap(3, 29999);
+  leap_in(2, 29999);
   start();
   frame_client client = connect();
   client.send_bytes(frame("ab").substr(0, 1));
-  await_look(3);
+  await_leap();
   client.send_bytes(frame("ab").substr(1));
   EXPECT_EQ(client.receive_reply(), "<ab>");
 }
 
 TEST_F(frame_time, request_that_is_not_whole_after_thirty_seconds_is_dropped) {
-  leap(3, 30000);
+  leap_in(2, 30000);
   start();
   frame_client client = connect();
   client.send_bytes(frame("ab").substr(0, 1));
@@ -297,26 +307,26 @@ TEST_F(frame_time, request_that_is_not_whole_after_thirty_seconds_is_dropped) {
 }
 
 TEST_F(frame_time, reply_has_thirty_seconds_of_its_own) {
-  leap(4, 1000000);
-  start();
-  EXPECT_EQ(connect().ask("ab"), "<ab>");
+  start_with([](long, const std::string&) {
+    leap_in(1, 1000000);
+    return std::string("late");
+  });
+  EXPECT_EQ(connect().ask("ab"), "late");
 }
 
 TEST_F(frame_time, reply_has_thirty_seconds_to_its_last_byte) {
-  leap(6, 29999);
-  start_with([](long, const std::string&) { return std::string(kMiB, 'r'); });
+  start_with_long_reply(29999);
   frame_client client = connect();
   client.send_frame("");
-  await_look(6);
+  await_leap();
   EXPECT_EQ(client.receive_all().size(), 4 + kMiB);
 }
 
 TEST_F(frame_time, reply_that_is_not_taken_after_thirty_seconds_is_dropped) {
-  leap(6, 30000);
-  start_with([](long, const std::string&) { return std::string(kMiB, 'r'); });
+  start_with_long_reply(30000);
   frame_client client = connect();
   client.send_frame("");
-  await_look(6);
+  await_leap();
   EXPECT_LT(client.receive_all().size(), kMiB);
 }
 
