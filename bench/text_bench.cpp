@@ -37,11 +37,10 @@ struct values {
 };
 
 struct ours {
+  /// What a log line goes through.
   template <class... Args>
-  static std::string fill(const std::string& tmpl, const Args&... args) {
-    muro::fmt message(tmpl);
-    (message._add_arg(args, 0, 0), ...);
-    return message.str();
+  static std::string fill(std::string_view tmpl, const Args&... args) {
+    return muro::fill_template(tmpl, args...);
   }
   static std::string one(const values& v) {
     return fill("Failed to create directory: %1%", v.path);

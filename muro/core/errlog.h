@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "muro/core/fmt.h"
 #include "muro/core/log_settings.h"
@@ -88,10 +89,8 @@ class fmt_dbg : public errlog {
 
   /// Logs the template with its placeholders filled, at level 0.
   template <class... Args>
-  void fmt_verbose(const std::string& tmpl, const Args&... args) const {
-    fmt message(tmpl);
-    (message._add_arg(args, 0, 0), ...);
-    const std::string text = message.str();
+  void fmt_verbose(std::string_view tmpl, const Args&... args) const {
+    const std::string text = fill_template(tmpl, args...);
     log(0, text.data(), text.size());
   }
 };

@@ -14,11 +14,13 @@
 #include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace muro {
@@ -80,29 +82,16 @@ std::string_view text_of(const T& value) {
   }
 }
 
+/// Writes the digits at `out`, which has room for 24, and gives their end.
 template <class T>
-void append_integer(std::string& out, T value) {
-  char digits[24];
-  out.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+char* write_integer(char* out, T value) {
+  return std::to_chars(out, out + 24, value).ptr;
 }
 
 template <class T, bool Little>
-void append_integer(std::string& out, const raw_endian<T, Little>& value) {
-  append_integer(out, static_cast<unsigned long long>(
-                          static_cast<std::make_unsigned_t<T>>(static_cast<T>(value))));
-}
-
-template <class T>
-void append(std::string& out, const T& value) {
-  if constexpr (is_text<T>) {
-    out += text_of(value);
-  } else if constexpr (std::is_same_v<T, char>) {
-    out += value;
-  } else if constexpr (std::is_same_v<T, bool>) {
-    out += value ? '1' : '0';
-  } else {
-    append_integer(out, value);
-  }
+char* write_integer(char* out, const raw_endian<T, Little>& value) {
+  return write_integer(out, static_cast<unsigned long long>(
+                                static_cast<std::make_unsigned_t<T>>(static_cast<T>(value))));
 }
 
 template <class T>
@@ -110,44 +99,94 @@ void write(std::ostream& out, const T& value) {
   if constexpr (is_text<T>) {
     out << text_of(value);
   } else if constexpr (is_raw_endian<T>) {
-    std::string digits;
-    append_integer(digits, value);
-    out << digits;
+    char digits[24];
+    out << std::string_view(digits,
+                            static_cast<std::size_t>(write_integer(digits, value) - digits));
   } else {
     out << value;
   }
 }
 
+/// As a stream writes it; `fill` and `width` other than 0 are the stream's.
+template <class T>
+std::string streamed(const T& value, char fill, unsigned char width) {
+  std::ostringstream out;
+  out.imbue(std::locale::classic());
+  if (fill != 0) out.fill(fill);
+  if (width != 0) out.width(width);
+  write(out, value);
+  return out.str();
+}
+
+/// A value's text, without an allocation where the kind is simple. Lives no longer than the value;
+/// stays where it was made, as the text may lie in it.
+template <class T>
+class rendered {
+ public:
+  explicit rendered(const T& value) {
+    if constexpr (is_text<T>) {
+      text_ = text_of(value);
+    } else if constexpr (std::is_same_v<T, char>) {
+      text_ = {&value, 1};
+    } else if constexpr (std::is_same_v<T, bool>) {
+      text_ = value ? "1" : "0";
+    } else if constexpr (is_simple<T>) {
+      text_ = {room_, static_cast<std::size_t>(write_integer(room_, value) - room_)};
+    } else {
+      text_ = room_ = streamed(value, 0, 0);
+    }
+  }
+  rendered(const rendered&) = delete;
+  rendered& operator=(const rendered&) = delete;
+
+  std::string_view text() const { return text_; }
+
+ private:
+  struct none {};
+  static constexpr bool kIsNumber = is_integer<T> || is_raw_endian<T>;
+  using room = std::conditional_t<is_simple<T>, none, std::string>;
+
+  std::string_view text_;
+  std::conditional_t<kIsNumber, char[24], room> room_;
+};
+
 }  // namespace conversion
 
-/// A parsed template and the arguments added so far. A plain value that owns its strings; one
-/// thread at a time.
+/// `tmpl` with its placeholders filled: "%1%" with the first value, and so on.
+std::string fill_views(std::string_view tmpl, const std::string_view* values, std::size_t count);
+
+/// The same with values of any kind, each as `fmt::_add_arg` adds it without fill and width. What
+/// `fmt` and `str()` give, by the shortest road: one pass over the template and one allocation.
+template <class... Args>
+std::string fill_template(std::string_view tmpl, const Args&... args) {
+  const std::initializer_list<std::string_view> none;
+  const auto fill = [tmpl](std::initializer_list<std::string_view> values) {
+    return fill_views(tmpl, values.begin(), values.size());
+  };
+  if constexpr (sizeof...(Args) == 0) return fill(none);
+  return fill({conversion::rendered<Args>(args).text()...});
+}
+
+/// A template and the arguments added so far. A plain value that owns its strings; one thread at a
+/// time. Placeholders are looked for when the text is asked for.
 class fmt {
  public:
-  explicit fmt(const std::string& tmpl);
+  explicit fmt(std::string tmpl) : template_(std::move(tmpl)) {}
 
   /// Fills every occurrence of the next number, starting at 1, with `value`; a number that does
   /// not occur is ignored.
-  void add(const std::string& value);
+  void add(std::string value) { values_.push_back(std::move(value)); }
 
   /// Adds `value` as text: strings as they are, a null `const char*` as "(null)", numbers in
   /// decimal, a bool as "1" or "0", all else as an output stream writes it. `fill` and `width`
   /// other than 0 are the stream's: right-aligned, padded with `fill` (a blank when 0).
   template <class T>
   void _add_arg(const T& value, char fill, unsigned char width) {
-    if constexpr (conversion::is_simple<T>) {
-      if (fill == 0 && width == 0) {
-        std::string plain;
-        conversion::append(plain, value);
-        return add(plain);
-      }
+    if (fill == 0 && width == 0) {
+      add(std::string(conversion::rendered<T>(value).text()));
+    } else {
+      add(conversion::streamed(value, fill, width));
     }
-    std::ostringstream out;
-    out.imbue(std::locale::classic());
-    if (fill != 0) out.fill(fill);
-    if (width != 0) out.width(width);
-    conversion::write(out, value);
-    add(out.str());
   }
 
   /// The filled text. A placeholder whose number was never added is empty; so is "%0%", and one
@@ -155,16 +194,8 @@ class fmt {
   std::string str() const;
 
  private:
-  struct slot {
-    int number;
-    std::size_t piece;
-  };
-
-  void add_placeholder(std::string& literal, std::string& digits);
-
-  std::vector<std::string> pieces_;  // literal, slot, literal, ..., literal
-  std::vector<slot> slots_;          // in template order
-  unsigned next_arg_ = 0;
+  std::string template_;
+  std::vector<std::string> values_;
 };
 
 /// Joins the arguments without separators, each as an output stream writes it; a null
@@ -173,7 +204,7 @@ template <class... Args>
 std::string stringify(const Args&... args) {
   if constexpr ((conversion::is_simple<Args> && ...)) {
     std::string out;
-    (conversion::append(out, args), ...);
+    (out.append(conversion::rendered<Args>(args).text()), ...);
     return out;
   } else {
     std::ostringstream out;

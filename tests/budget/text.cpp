@@ -17,9 +17,7 @@ constexpr unsigned long long kType = 7, kLength = 4294967296;
 
 template <class... Args>
 void fill(const char* tmpl, const Args&... args) {
-  muro::fmt message(tmpl);
-  (message._add_arg(args, 0, 0), ...);
-  budget::keep(message.str());
+  budget::keep(muro::fill_template(tmpl, args...));
 }
 
 /// Five messages with the kinds of values that the product's lines have, twelve in all.

@@ -18,7 +18,9 @@ template <class... Args>
 std::string fill(const std::string& tmpl, const Args&... args) {
   fmt message(tmpl);
   (message._add_arg(args, 0, 0), ...);
-  return message.str();
+  const std::string text = message.str();
+  EXPECT_EQ(muro::fill_template(tmpl, args...), text) << "the two roads";
+  return text;
 }
 
 template <class T>
@@ -173,6 +175,24 @@ TEST(fmt, raw_endian_is_written_without_a_byte_swap) {
 
 TEST(fmt, other_kinds_are_written_as_a_stream_does) {
   EXPECT_EQ(fill("%1% %2%", 1.5, std::setw(3)), "1.5 ");
+}
+
+TEST(fmt, pieces_of_every_length_arrive_whole) {
+  for (std::size_t size = 0; size < 40; ++size) {
+    const std::string literal(size, 'l');
+    std::string value;
+    for (std::size_t i = 0; i < size; ++i) value += static_cast<char>('a' + i % 26);
+    EXPECT_EQ(fill(literal + "%1%" + literal, value), literal + value + literal);
+  }
+}
+
+TEST(fmt, value_that_occurs_often_takes_the_room_it_needs) {
+  std::string tmpl, expected;
+  for (int i = 0; i < 100; ++i) {
+    tmpl += "%1%,";
+    expected += "a value that is long,";
+  }
+  EXPECT_EQ(fill(tmpl, "a value that is long"), expected);
 }
 
 TEST(fmt, width_pads_on_the_left_with_blanks) {
