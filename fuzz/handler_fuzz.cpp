@@ -257,7 +257,7 @@ class sequence {
   }
 
   void make_restore_file(const std::string& path) {
-    const std::string content = "state " + std::to_string(contents_.size());
+    const std::string content = "state " + std::to_string(files_made_++);
     if (path.find("/..") != std::string::npos || path.find("//") != std::string::npos) return;
     if (path.rfind("/tmp/", 0) != 0 && path.rfind(kSessionsRoot, 0) != 0) return;
     if (mac.make_file(path, content)) contents_.push_back(content);
@@ -357,6 +357,7 @@ class sequence {
   std::string own_;
   fake::fault fault_ = fake::fault::none;
   int good_operations_ = 0;
+  int files_made_ = 0;
   std::vector<std::string> contents_;  // of the restore files that there are
 };
 

@@ -78,7 +78,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--build-dir", type=pathlib.Path, required=True)
     parser.add_argument("--runs", type=int, help="executions of each target, instead of a time")
-    parser.add_argument("--leaks", action="store_true", help="look for leaks after every input, not only at the end (slower)")
+    parser.add_argument("--leaks", action="store_true",
+                        help="look for leaks after every input, not only at the end (slower)")
     parser.add_argument("seconds", nargs="?", help="for all targets together; not with --runs")
     parser.add_argument("names", nargs="*", help="the targets (default: all)")
     arguments = parser.parse_args()
