@@ -51,19 +51,19 @@ void tell(void (*hook)(const char*, std::size_t), const std::string& line) try {
 void errlog::log(int level, const char* text, std::size_t length) const {
   if (level > log_level) return;
   const errno_guard keep;
-  std::string queued = report_prefix();
-  const std::size_t prefix_length = queued.size();
-  const std::size_t name_length = name_ != nullptr ? std::strlen(name_) : 0;
-  queued.reserve(prefix_length + name_length + 2 + length);
-  if (name_length != 0) queued.append(name_, name_length).append(": ");
-  queued.append(text, length);
-
-  const std::string_view line = std::string_view(queued).substr(prefix_length);
-  if (!is_wanted(line)) return;
+  const std::string prefix = report_prefix();
+  const std::string_view name = name_ != nullptr ? name_ : "";
+  const std::string_view separator = name.empty() ? "" : ": ";
+  const std::string_view message(text, length);
   const auto hook = log_line_hook.load();
-  const std::string told = hook != nullptr ? std::string(line) : std::string();
-  log_dumper::push(std::move(queued));
-  if (hook != nullptr) tell(hook, told);
+  if (hook == nullptr && log_filter.load() == nullptr) {
+    return log_dumper::push({prefix, name, separator, message});
+  }
+  std::string line(name);
+  line.append(separator).append(message);
+  if (!is_wanted(line)) return;
+  log_dumper::push({prefix, line});
+  if (hook != nullptr) tell(hook, line);
 }
 
 void errlog::log_line_direct(const char* data, std::size_t length, std::size_t prefix_length,

@@ -12,9 +12,6 @@ namespace muro {
 
 namespace {
 
-/// Entries whose memory is kept for the next batch; a burst above it gives its memory back.
-constexpr std::size_t kKeptEntries = 4096;
-
 /// How long a first line waits for the dumper's thread to come up. Usually no time at all; the
 /// limit is for a caller that holds a lock which every new thread needs.
 constexpr long long kStartWait_ms = 1000;
@@ -35,13 +32,12 @@ void block_signals() {
   ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
-/// Past queue, locks and clock, which may be broken or belong to a parent process.
-void write_straight(log_entry&& entry) {
-  std::vector<log_entry> alone;
-  alone.push_back(std::move(entry));
-  escape(alone);
+/// Past the dumper's queue, locks and clock, which may be broken or belong to a parent process.
+template <class Entry>
+void write_straight(const Entry& entry) {
+  log_queue alone;
+  alone.push(entry);
   write_to_stderr(alone, nullptr);
-  release(alone);
 }
 
 }  // namespace
@@ -58,14 +54,23 @@ log_dumper& log_dumper::instance() {
   return *made.release();
 }
 
-void log_dumper::push(log_entry entry) {
-  if (g_forked) return write_straight(std::move(entry));
+template <class Entry>
+void log_dumper::push_entry(const Entry& entry) {
+  if (g_forked) return write_straight(entry);
   try {
     instance().enqueue(entry);
   } catch (const exception&) {
     // No dumper can be made, or its lock does not work.
-    write_straight(std::move(entry));
+    write_straight(entry);
   }
+}
+
+void log_dumper::push(text_parts parts) {
+  push_entry(parts);
+}
+
+void log_dumper::push(const raw_log_line& line) {
+  push_entry(line);
 }
 
 void log_dumper::wait_for_flush() {
@@ -73,12 +78,13 @@ void log_dumper::wait_for_flush() {
   if (dumper != nullptr && !g_forked && !t_is_dumper) dumper->wait();
 }
 
-void log_dumper::enqueue(log_entry& entry) {
+template <class Entry>
+void log_dumper::enqueue(const Entry& entry) {
   bool was_idle;
   {
     const rec_lock lock(mutex_);
     was_idle = queue_is_idle_locked();
-    pending_.push_back(std::move(entry));
+    pending_.push(entry);
   }
   if (was_idle) wake_up();
   start_if_needed();
@@ -130,7 +136,6 @@ void log_dumper::dump_without_thread() {
   batch taken;
   take_queue(taken);
   log_text::clock clock;
-  escape(taken.entries);
   write_to_stderr(taken.entries, &clock);
   finish(taken);
 }
@@ -154,9 +159,6 @@ void log_dumper::take_queue(batch& taken) {
 }
 
 void log_dumper::finish(batch& done) {
-  release(done.entries);
-  done.entries.clear();
-  if (done.entries.capacity() > kKeptEntries) std::vector<log_entry>().swap(done.entries);
   if (done.waiters.empty()) return;
   const rec_lock lock(mutex_);
   for (semaphore* waiter : done.waiters) waiter->post();

@@ -13,9 +13,12 @@
 /// standard error, without timestamps, and never touches the log file.
 
 #include <atomic>
+#include <initializer_list>
+#include <string_view>
 #include <vector>
 
 #include "muro/core/log_output.h"
+#include "muro/core/log_queue.h"
 #include "muro/sys/thread.h"
 
 namespace muro {
@@ -24,12 +27,15 @@ class log_dumper : public thread {
  public:
   log_dumper();
 
-  /// Queues an entry and sees to it that the dumper runs. Does no output, except when the thread
+  using text_parts = std::initializer_list<std::string_view>;
+
+  /// Queues a text (its parts put together) or a raw line, and sees to it that the dumper runs. Does no output, except when the thread
   /// cannot be started: all that is queued then goes to standard error at once, and the next line
   /// tries to start it again. May be called while a start is failing, on that thread too.
   /// Where not even locks can be had the entry alone goes there. Throws `std::bad_alloc` alone; the
   /// entry was not queued then.
-  static void push(log_entry entry);
+  static void push(text_parts parts);
+  static void push(const raw_log_line& line);
 
   /// Blocks, without limit, until all that was queued before the call is out. Returns at once when
   /// nothing was ever queued, and on the dumper's own thread, where waiting would never end.
@@ -43,14 +49,17 @@ class log_dumper : public thread {
 
   static log_dumper& instance();
 
-  void enqueue(log_entry& entry);
+  template <class Entry>
+  static void push_entry(const Entry& entry);
+  template <class Entry>
+  void enqueue(const Entry& entry);
   void wake_up();
   void wait();
   bool queue_is_idle_locked() const { return pending_.empty() && waiters_.empty(); }
   void start_if_needed();
 
   struct batch {
-    std::vector<log_entry> entries;
+    log_queue entries;
     std::vector<semaphore*> waiters;
   };
   void take_queue(batch& taken);
@@ -62,7 +71,7 @@ class log_dumper : public thread {
   semaphore wake_up_;
 
   rec_mutex mutex_;  // guards pending_ and waiters_; never held during output
-  std::vector<log_entry> pending_;
+  log_queue pending_;
   std::vector<semaphore*> waiters_;
 
   batch batch_;        // the thread's own

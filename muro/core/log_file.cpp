@@ -23,6 +23,7 @@ constexpr std::size_t kPiece = 0x10000;
 log_file::log_file(const std::string& path, log_memory& memory)
     : file_(path, open_log(path, log_access::append, refusal_)), memory_(memory) {
   if (is_open()) recall(path);
+  memory_.gathered.clear();
 }
 
 log_file::~log_file() {
@@ -33,15 +34,16 @@ log_file::~log_file() {
   } catch (...) {
     // Out of memory for a file name: the next batch keeps the file small.
   }
+  if (memory_.gathered.capacity() > 2 * kPiece) std::string().swap(memory_.gathered);
 }
 
 void log_file::recall(const std::string& path) {
-  const file_identity now = file_identity::of(file_);
+  identity_ = file_identity::of(file_);
   if (path != memory_.path) {
     forget();
     memory_.path = path;
   } else if (memory_.identity.known) {
-    const bool same = now == memory_.identity;
+    const bool same = identity_ == memory_.identity;
     const bool whole = std::fseek(file_, 0, SEEK_END) == 0 && std::ftell(file_) >= memory_.end;
     if (!same || !whole) forget();
   }
@@ -54,14 +56,15 @@ void log_file::forget() {
 
 void log_file::write(std::string_view line, std::size_t prefix_length) {
   const log_folder::output output = memory_.folder.fold(line, prefix_length);
-  if (output.step_back > gathered_.size()) {
+  std::string& gathered = memory_.gathered;
+  if (output.step_back > gathered.size()) {
     write_gathered();
     step_back_ = output.step_back;
   } else {
-    gathered_.resize(gathered_.size() - output.step_back);
+    gathered.resize(gathered.size() - output.step_back);
   }
-  gathered_ += output.bytes;
-  if (gathered_.size() >= kPiece) write_gathered();
+  gathered += output.bytes;
+  if (gathered.size() >= kPiece) write_gathered();
 }
 
 /// Puts the file at the place for the next piece and gives it; -1 when that cannot be done.
@@ -75,18 +78,19 @@ long log_file::place_for_gathered() {
 }
 
 void log_file::write_gathered() {
-  if (gathered_.empty()) return;
+  std::string& gathered = memory_.gathered;
+  if (gathered.empty()) return;
   const long begin = place_for_gathered();
   const std::size_t written =
-      begin < 0 ? 0 : detail::g_log_fwrite.load()(gathered_.data(), 1, gathered_.size(), file_);
-  if (written == gathered_.size()) {
-    memory_.identity = file_identity::of(file_);
+      begin < 0 ? 0 : detail::g_log_fwrite.load()(gathered.data(), 1, gathered.size(), file_);
+  if (written == gathered.size()) {
+    memory_.identity = identity_;
     memory_.end = begin + static_cast<long>(written);
   } else {
     drop_torn_line(begin, written);
     forget();
   }
-  gathered_.clear();
+  gathered.clear();
   step_back_ = 0;
 }
 
@@ -96,7 +100,7 @@ void log_file::drop_torn_line(long begin, std::size_t written) {
   std::clearerr(file_);
   if (written == 0 || std::fseek(file_, 0, SEEK_END) != 0) return;
   if (std::ftell(file_) != begin + static_cast<long>(written)) return;
-  const std::size_t line_end = std::string_view(gathered_).substr(0, written).rfind('\n');
+  const std::size_t line_end = std::string_view(memory_.gathered).substr(0, written).rfind('\n');
   const std::size_t whole = line_end == std::string::npos ? 0 : line_end + 1;
   file_.truncate(static_cast<unsigned long long>(begin) + whole);
   std::fseek(file_, 0, SEEK_END);

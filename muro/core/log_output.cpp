@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <utility>
 
 #include "muro/core/errno_guard.h"
 #include "muro/core/log_settings.h"
@@ -14,10 +13,9 @@ namespace muro {
 
 namespace {
 
-constexpr std::size_t kPiece = 0x10000;
-
-/// Timestamp, blank and line end.
-constexpr std::size_t kLineCost = 22;
+/// The memory for lines that is kept between batches: what a slice of usual lines needs. Larger
+/// ones give theirs back.
+constexpr std::size_t kKeptLines = log_output::kSlice + 0x10000;
 
 /// How long a standard error that is full and does not block may hold up the log.
 constexpr int kRoomWait_ms = 1000;
@@ -42,95 +40,122 @@ void write_bytes_to_stderr(std::string_view bytes) {
   }
 }
 
-void append_for_stderr(std::string& out, const log_entry& entry, log_text::clock* clock) {
-  if (const auto* raw = std::get_if<raw_log_line>(&entry)) {
-    out += clock != nullptr ? raw->bytes() : raw->message();
+void append_stamped(std::string& out, const log_entry& entry, std::string_view stamp) {
+  if (entry.raw != nullptr) {
+    out += entry.raw->bytes();
     return;
   }
-  if (clock != nullptr) (out += clock->now()) += ' ';
-  (out += std::get<std::string>(entry)) += '\n';
+  (out += stamp) += ' ';
+  log_text::append_escaped(out, entry.text);
+  out += '\n';
+}
+
+void append_unstamped(std::string& out, const log_entry& entry) {
+  if (const raw_log_line* const raw = entry.raw) {
+    out += raw->message();
+    return;
+  }
+  log_text::append_escaped(out, entry.text);
+  out += '\n';
+}
+
+/// Puts the lines of a slice into `out`, stamped by `clock` if there is one.
+void gather(std::string& out, const log_slice& slice, log_text::clock* clock) {
+  out.clear();
+  out.reserve(slice.length());
+  if (clock == nullptr) {
+    slice.for_each([&](const log_entry& entry) { append_unstamped(out, entry); });
+  } else {
+    const std::string& stamp = clock->now();
+    slice.for_each([&](const log_entry& entry) { append_stamped(out, entry, stamp); });
+  }
 }
 
 using sink_function = void (*)(const char*, std::size_t);
 
 void write_to_sink(const log_entry& entry, sink_function sink) try {
-  if (const auto* raw = std::get_if<raw_log_line>(&entry)) {
-    const std::string_view message = log_text::without_line_end(raw->message());
-    sink(message.data(), message.size());
+  if (const raw_log_line* const raw = entry.raw) {
+    const std::string_view message = raw->message();
+    const std::string_view text = log_text::without_line_end(message);
+    sink(text.data(), text.size());
   } else {
-    const std::string& text = std::get<std::string>(entry);
+    std::string text;
+    log_text::append_escaped(text, entry.text);
     sink(text.data(), text.size());
   }
 } catch (...) {
   // A host's failure is no reason to lose the lines behind this one.
 }
 
-void write_to_log_file(const log_entry& entry, log_file& file, log_text::clock& clock) {
-  if (const auto* raw = std::get_if<raw_log_line>(&entry)) {
-    file.write(raw->bytes(), raw->prefix_length);
-    return;
-  }
-  const std::string& text = std::get<std::string>(entry);
-  std::string line = clock.now();
-  const std::size_t prefix_length = line.size();
-  line.reserve(prefix_length + text.size() + 2);
-  ((line += ' ') += text) += '\n';
-  file.write(line, prefix_length);
+/// Gives raw lines back to their producers.
+void release(const log_slice& slice) {
+  slice.for_each([](const log_entry& entry) {
+    if (entry.raw == nullptr || entry.raw->release == nullptr) return;
+    try {
+      entry.raw->release(entry.raw->data);
+    } catch (...) {
+      // The producer's own affair.
+    }
+  });
 }
 
-std::size_t length_of(const log_entry& entry) {
-  const auto* raw = std::get_if<raw_log_line>(&entry);
-  return raw != nullptr ? raw->length : std::get<std::string>(entry).size();
-}
-
-/// How many of the entries make one slice: one more than fit in, at least one.
-std::size_t slice_length(std::span<const log_entry> entries) {
-  std::size_t count = 0;
-  for (std::size_t bytes = 0; count < entries.size() && bytes < log_output::kSlice; ++count) {
-    bytes += length_of(entries[count]) + kLineCost;
+/// Writes an empty batch's slices one after the other, whatever becomes of each.
+template <class Write>
+void write_slices(log_queue& batch, Write write) {
+  while (!batch.empty()) {
+    try {
+      write(batch.front());
+    } catch (...) {
+      // Out of memory: the next slice may find better times.
+    }
+    release(batch.front());
+    batch.pop_front();
   }
-  return count;
 }
 
 }  // namespace
 
-void log_output::write(std::vector<log_entry>& batch) {
-  std::span<log_entry> rest(batch);
-  while (!rest.empty()) {
-    const std::span<log_entry> slice = rest.first(slice_length(rest));
-    try {
-      write_slice(slice);
-    } catch (...) {
-      // Out of memory: the next slice may find better times.
-    }
-    release(slice);
-    rest = rest.subspan(slice.size());
-  }
+void log_output::write(log_queue& batch) {
+  write_slices(batch, [this](const log_slice& slice) { write_slice(slice); });
+  if (lines_.capacity() > kKeptLines) std::string().swap(lines_);
 }
 
-void log_output::write_slice(std::span<log_entry> slice) {
-  escape(slice);
+void log_output::write_slice(const log_slice& slice) {
   if (const sink_function sink = log_direct_sink) {
-    for (const log_entry& entry : slice) write_to_sink(entry, sink);
+    slice.for_each([sink](const log_entry& entry) { write_to_sink(entry, sink); });
     return;
   }
+  lines_.clear();
   const std::string refusal = write_to_file(slice);
   tell_refusal(refusal);
   // A file that must not be written is no reason to lose a line, echo or not.
-  if (!log_to_stderr && refusal.empty()) return;
-  write_to_stderr(slice, log_stderr_timestamps ? &clock_ : nullptr);
+  if (log_to_stderr || !refusal.empty()) echo(slice);
+}
+
+/// The file's lines serve the echo too, where they are there and what is wanted.
+void log_output::echo(const log_slice& slice) {
+  const bool stamped = log_stderr_timestamps;
+  if (!stamped || lines_.empty()) gather(lines_, slice, stamped ? &clock_ : nullptr);
+  write_bytes_to_stderr(lines_);
 }
 
 /// Gives why the file must not be written; empty when it was, when it cannot be opened at all
 /// (which leaves the echo), and without a file.
-std::string log_output::write_to_file(std::span<const log_entry> slice) {
+std::string log_output::write_to_file(const log_slice& slice) {
   const std::string name = log_file_name();
   if (name.empty()) return "";
   const effective_user_gate as_root;
   log_file file(name, memory_);
   if (!file.refusal().empty()) return "log file " + name + " is not used: " + file.refusal();
   if (!file.is_open()) return "";
-  for (const log_entry& entry : slice) write_to_log_file(entry, file, clock_);
+  const std::string& stamp = clock_.now();
+  lines_.reserve(slice.length());
+  slice.for_each([&](const log_entry& entry) {
+    const std::size_t begin = lines_.size();
+    append_stamped(lines_, entry, stamp);
+    file.write(std::string_view(lines_).substr(begin),
+               entry.raw != nullptr ? entry.raw->prefix_length : stamp.size());
+  });
   return "";
 }
 
@@ -139,39 +164,17 @@ void log_output::tell_refusal(const std::string& refusal) {
   if (refusal == told_refusal_) return;
   told_refusal_ = refusal;
   if (refusal.empty()) return;
-  std::vector<log_entry> notice{"errlog: " + refusal};
-  escape(notice);
+  log_queue notice;
+  notice.push({"errlog: ", refusal});
   write_to_stderr(notice, log_stderr_timestamps ? &clock_ : nullptr);
 }
 
-void escape(std::span<log_entry> batch) {
-  for (log_entry& entry : batch) {
-    if (auto* text = std::get_if<std::string>(&entry)) log_text::escape(*text);
-  }
-}
-
-void write_to_stderr(std::span<const log_entry> batch, log_text::clock* clock) {
-  std::string gathered;
-  for (const log_entry& entry : batch) {
-    append_for_stderr(gathered, entry, clock);
-    if (gathered.size() < kPiece) continue;
-    write_bytes_to_stderr(gathered);
-    gathered.clear();
-  }
-  write_bytes_to_stderr(gathered);
-}
-
-void release(std::span<log_entry> batch) {
-  for (log_entry& entry : batch) {
-    const log_entry done = std::exchange(entry, std::string());
-    const auto* raw = std::get_if<raw_log_line>(&done);
-    if (raw == nullptr || raw->release == nullptr) continue;
-    try {
-      raw->release(raw->data);
-    } catch (...) {
-      // The producer's own affair.
-    }
-  }
+void write_to_stderr(log_queue& batch, log_text::clock* clock) {
+  std::string lines;
+  write_slices(batch, [&](const log_slice& slice) {
+    gather(lines, slice, clock);
+    write_bytes_to_stderr(lines);
+  });
 }
 
 }  // namespace muro

@@ -8,34 +8,16 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
-#include <span>
 #include <string>
 #include <string_view>
-#include <variant>
-#include <vector>
 
 #include "muro/core/log_fold.h"
 #include "muro/core/log_open.h"
+#include "muro/core/log_queue.h"
 #include "muro/core/log_text.h"
 #include "muro/sys/xfile.h"
 
 namespace muro {
-
-/// A line that its producer has formatted: `prefix_length` bytes of prefix, one separator byte,
-/// the message and its line end. The buffer is the producer's until `release` (if any) is called
-/// with it.
-struct raw_log_line {
-  const char* data;
-  std::size_t length;
-  std::size_t prefix_length;
-  void (*release)(const char* data);
-
-  std::string_view bytes() const { return {data, length}; }
-  std::string_view message() const { return log_text::raw_message(bytes(), prefix_length); }
-};
-
-/// One line: a text without timestamp and line end, or a raw line.
-using log_entry = std::variant<std::string, raw_log_line>;
 
 /// What one batch leaves for the next.
 struct log_memory {
@@ -43,6 +25,7 @@ struct log_memory {
   std::string path;        // the file that the folder's line went to, by name
   file_identity identity;  // and in person; unknown after a rotation and before the first line
   long end = 0;            // where that line, or its marker, ended
+  std::string gathered;    // a piece on its way to the file; empty between batches
 };
 
 /// Writes batches. One thread at a time; keeps what later batches are folded into.
@@ -51,32 +34,30 @@ class log_output {
   /// What is written of one batch at once, in bytes of text. A larger batch is taken as several,
   /// as if the queue had been emptied more often: the file grows by no more than this (and one
   /// line) before it is cut or rotated, and the memory of a flood is given back as it is written.
-  static constexpr std::size_t kSlice = 0x40000;
+  static constexpr std::size_t kSlice = log_slice::kSize;
 
-  /// Escapes the texts, writes all entries as the settings say and releases them. The file is
-  /// opened and closed once for a slice, while the effective user is held. Throws nothing: where
-  /// memory runs out, a part of that slice may stay unwritten.
-  void write(std::vector<log_entry>& batch);
+  /// Escapes the texts, writes all entries as the settings say, releases the raw lines and leaves
+  /// the queue empty. The file is opened and closed once for a slice, while the effective user is
+  /// held. The lines of a slice have one time, that at which their writing begins; file and echo
+  /// tell the same. Throws nothing: where memory runs out, a part of that slice may stay unwritten.
+  void write(log_queue& batch);
 
  private:
-  void write_slice(std::span<log_entry> slice);
-  std::string write_to_file(std::span<const log_entry> slice);
+  void write_slice(const log_slice& slice);
+  std::string write_to_file(const log_slice& slice);
+  void echo(const log_slice& slice);
   void tell_refusal(const std::string& refusal);
 
   log_memory memory_;
   std::string told_refusal_;  // the one that standard error was told last
   log_text::clock clock_;
+  std::string lines_;  // of the slice at hand, as they stand in the file but not folded
 };
 
-/// Escapes the texts among the entries, so that each is one line.
-void escape(std::span<log_entry> batch);
-
-/// Writes the entries to standard error. Texts get a timestamp from `clock`, if there is one, and a
-/// line end; raw lines are written whole, or without `clock` from their message on.
-void write_to_stderr(std::span<const log_entry> batch, log_text::clock* clock);
-
-/// Gives raw lines back to their producers and frees texts. A second call has nothing left to do.
-void release(std::span<log_entry> batch);
+/// Writes the entries to standard error, releases the raw lines and leaves the queue empty. Texts
+/// are escaped, get the timestamp of `clock`, if there is one, and a line end; raw lines are written
+/// whole, or without `clock` from their message on.
+void write_to_stderr(log_queue& batch, log_text::clock* clock);
 
 /// The log file, open for one batch. Lines are gathered in memory and written in few large pieces;
 /// every piece is placed by seeking relative to the end of the file, so that what another process
@@ -118,7 +99,7 @@ class log_file {
   std::string refusal_;
   xfile file_;
   log_memory& memory_;
-  std::string gathered_;
+  file_identity identity_;     // of the open file
   std::size_t step_back_ = 0;  // the gathered bytes go so many before the end
 };
 

@@ -2,8 +2,9 @@
 
 #include <time.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "muro/sys/time.h"
 
@@ -15,25 +16,45 @@ bool must_escape(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == '`';
 }
 
+/// Whether one of eight bytes must be escaped. A byte below 0x20 borrows from its top bit when 0x20
+/// is taken off, and so does a zero byte with 1; bytes from 0x80 up are masked out. A byte behind
+/// one that borrows may be taken for one too, which changes nothing about the answer.
+bool any_must_be_escaped(const char* eight) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  std::uint64_t bytes;
+  std::memcpy(&bytes, eight, sizeof bytes);
+  const std::uint64_t accents = bytes ^ (kOnes * 0x60);
+  return ((((bytes - kOnes * 0x20) & ~bytes) | ((accents - kOnes) & ~accents)) & (kOnes * 0x80)) !=
+         0;
+}
+
+/// How many bytes there are in front of the first that must be escaped.
+std::size_t plain_length(std::string_view text) {
+  std::size_t at = 0;
+  while (text.size() - at >= 8 && !any_must_be_escaped(text.data() + at)) at += 8;
+  while (at < text.size() && !must_escape(text[at])) ++at;
+  return at;
+}
+
 }  // namespace
 
 void escape(std::string& text) {
-  const auto first = std::find_if(text.begin(), text.end(), must_escape);
-  if (first == text.end()) return;
-  std::string escaped(text.begin(), first);
-  escaped.reserve(text.size() + 16);
-  for (auto at = first; at != text.end(); ++at) {
-    if (!must_escape(*at)) {
-      escaped += *at;
-      continue;
-    }
-    constexpr char kDigits[] = "0123456789abcdef";
-    const auto byte = static_cast<unsigned char>(*at);
-    escaped += '`';
-    escaped += kDigits[byte >> 4];
-    escaped += kDigits[byte & 15];
-  }
+  std::string escaped;
+  append_escaped(escaped, text);
   text.swap(escaped);
+}
+
+void append_escaped(std::string& out, std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t plain = plain_length(text);
+    out.append(text, 0, plain);
+    if (plain == text.size()) return;
+    constexpr char kDigits[] = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(text[plain]);
+    const char escaped[] = {'`', kDigits[byte >> 4], kDigits[byte & 15]};
+    out.append(escaped, sizeof escaped);
+    text.remove_prefix(plain + 1);
+  }
 }
 
 std::string_view raw_message(std::string_view data, std::size_t prefix_length) {

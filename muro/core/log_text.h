@@ -11,6 +11,8 @@ namespace muro::log_text {
 /// lower-case hexadecimal digits, so that a line is one line: "a\nb" becomes "a`0ab". Bytes from
 /// 0x80 up stay as they are.
 void escape(std::string& text);
+/// Appends `text`, so replaced, to `out`.
+void append_escaped(std::string& out, std::string_view text);
 
 /// A line that a caller has formatted: `prefix_length` bytes of prefix (a timestamp), one
 /// separator byte, the message. What follows the separator; all of it when there is nothing.

@@ -1,7 +1,6 @@
 /// Templates and the error log.
 
 #include <string>
-#include <vector>
 
 #include "muro/core/errlog.h"
 #include "muro/core/fmt.h"
@@ -51,8 +50,8 @@ void log_batch() {
     muro::errlog::set_log_file("budget_log_batch.log");
     return true;
   }();
-  std::vector<muro::log_entry> batch;
-  for (int i = 0; i < 100; ++i) batch.emplace_back(kPath + std::to_string(100 + i));
+  static muro::log_queue batch;
+  for (int i = 0; i < 100; ++i) batch.push({kPath, std::to_string(100 + i)});
   output.write(batch);
 }
 

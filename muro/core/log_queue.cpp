@@ -1,0 +1,60 @@
+#include "muro/core/log_queue.h"
+
+#include <algorithm>
+#include <new>
+
+namespace muro {
+
+namespace {
+
+/// Timestamp, blank and line end.
+constexpr std::size_t kLineCost = 22;
+
+}  // namespace
+
+log_slice::log_slice(std::size_t entry_size)
+    : room_(std::max(kSize, room_for(entry_size))), bytes_(new char[room_]) {}
+
+char* log_slice::add(std::size_t entry_size, std::size_t length, bool is_raw) {
+  const std::size_t room = room_for(entry_size);
+  if (room > room_ - used_ || length_ >= kSize) return nullptr;
+  char* const place = bytes_.get() + used_;
+  new (place) head{entry_size, is_raw};
+  used_ += room;
+  length_ += length + kLineCost;
+  return place + sizeof(head);
+}
+
+void log_queue::push(std::initializer_list<std::string_view> parts) {
+  std::size_t size = 0;
+  for (const std::string_view part : parts) size += part.size();
+  char* out = add(size, size, false);
+  for (const std::string_view part : parts) {
+    // An empty view may have no address.
+    if (!part.empty()) std::memcpy(out, part.data(), part.size());
+    out += part.size();
+  }
+}
+
+void log_queue::push(const raw_log_line& line) {
+  new (add(sizeof line, line.length, true)) raw_log_line(line);
+}
+
+char* log_queue::add(std::size_t entry_size, std::size_t length, bool is_raw) {
+  char* const place = slices_.empty() ? nullptr : slices_.back().add(entry_size, length, is_raw);
+  if (place != nullptr) return place;
+  // An empty slice that is too small must not stay in front.
+  if (empty()) slices_.clear();
+  slices_.emplace_back(entry_size);
+  return slices_.back().add(entry_size, length, is_raw);
+}
+
+void log_queue::pop_front() {
+  if (slices_.size() == 1 && slices_.front().is_usual()) {
+    slices_.front().clear();
+  } else {
+    slices_.pop_front();
+  }
+}
+
+}  // namespace muro
