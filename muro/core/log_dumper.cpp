@@ -92,7 +92,7 @@ void log_dumper::enqueue(const Entry& entry) {
 
 void log_dumper::wake_up() {
   try {
-    wake_up_.post();
+    wake_up_.post_to_stay();
   } catch (const exception&) {
     // The count is given all the same.
   }

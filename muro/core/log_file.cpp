@@ -38,14 +38,14 @@ log_file::~log_file() {
 }
 
 void log_file::recall(const std::string& path) {
-  identity_ = file_identity::of(file_);
+  long size = 0;
+  identity_ = file_identity::of(file_, &size);
   if (path != memory_.path) {
     forget();
     memory_.path = path;
   } else if (memory_.identity.known) {
     const bool same = identity_ == memory_.identity;
-    const bool whole = std::fseek(file_, 0, SEEK_END) == 0 && std::ftell(file_) >= memory_.end;
-    if (!same || !whole) forget();
+    if (!same || size < memory_.end) forget();
   }
 }
 

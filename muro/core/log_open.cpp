@@ -27,11 +27,11 @@ unique_fd open_descriptor(const std::string& path, log_access access) {
   return unique_fd(::open(name, O_RDWR | O_CREAT | O_EXCL | kFlags, 0666));
 }
 
-const char* reason_against(const struct stat& status) {
+const char* reason_against(const struct stat& status, uid_t user) {
   if (S_ISLNK(status.st_mode)) return "it is a link";
   if (!S_ISREG(status.st_mode)) return "it is not a regular file";
   if (status.st_nlink > 1) return "it has more than one name";
-  if (status.st_uid != ::geteuid()) return "it belongs to another user";
+  if (status.st_uid != user) return "it belongs to another user";
   return "";
 }
 
@@ -41,7 +41,7 @@ const char* reason_at(const std::string& path) {
   struct stat status;
   const bool there = ::lstat(detail::os_path(path), &status) == 0 && !S_ISREG(status.st_mode);
   errno = kept;
-  return there ? reason_against(status) : "";
+  return there ? reason_against(status, ::geteuid()) : "";
 }
 
 FILE* stream_on(unique_fd descriptor, log_access access) {
@@ -70,23 +70,25 @@ FILE* open_log(const std::string& path, log_access access, std::string& refusal)
     }
     struct stat opened, named;
     if (::fstat(descriptor.get(), &opened) != 0) return nullptr;
-    refusal = reason_against(opened);
+    const uid_t user = ::geteuid();
+    refusal = reason_against(opened, user);
     if (!refusal.empty()) return nullptr;
     // One answer for name and count: a second name that is taken away between open and fstat would
     // leave a file with one name, but not this one.
     if (::lstat(detail::os_path(path), &named) != 0) continue;
     if (!(identity(named) == identity(opened))) continue;
-    refusal = reason_against(named);
+    refusal = reason_against(named, user);
     return refusal.empty() ? stream_on(std::move(descriptor), access) : nullptr;
   }
   refusal = "it is taken away again and again";
   return nullptr;
 }
 
-file_identity file_identity::of(FILE* stream) {
+file_identity file_identity::of(FILE* stream, long* size) {
   struct stat status;
-  return stream != nullptr && ::fstat(::fileno(stream), &status) == 0 ? identity(status)
-                                                                      : file_identity();
+  if (stream == nullptr || ::fstat(::fileno(stream), &status) != 0) return {};
+  if (size != nullptr) *size = static_cast<long>(status.st_size);
+  return identity(status);
 }
 
 file_identity file_identity::of(const std::string& path) {

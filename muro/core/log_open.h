@@ -33,8 +33,8 @@ struct file_identity {
   ino_t number = 0;
   bool known = false;
 
-  /// Of an open stream.
-  static file_identity of(FILE* stream);
+  /// Of an open stream; `size` gets what the file has on disk, unless it is not known.
+  static file_identity of(FILE* stream, long* size = nullptr);
   /// Of what stands under a name, a link itself included.
   static file_identity of(const std::string& path);
 

@@ -164,6 +164,16 @@ void semaphore::post() {
   }
 }
 
+void semaphore::post_to_stay() {
+  {
+    const slock lock(mutex_);
+    ++count_;
+  }
+  if (detail::g_thread_calls.cond_signal.load()(&condition_) != 0) {
+    throw exception::function("post");
+  }
+}
+
 bool semaphore::wait_ms(long long ms) {
   // From before the lock: the time spent waiting for it counts too.
   const time_limit limit(ms);

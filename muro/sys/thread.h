@@ -70,6 +70,9 @@ class semaphore {
   virtual void wait();
   /// Gives one count and wakes one waiter. Throws "post" (the count is given all the same).
   virtual void post();
+  /// `post` for a semaphore that is not destroyed while anybody may be in here. The waiter is woken
+  /// once the lock is free, so that it does not sleep again for it at once.
+  void post_to_stay();
   /// Takes one count, waiting at most `ms` milliseconds of `wait_clock_us` in all, however often
   /// the wait is woken in vain and whatever becomes of the wall clock; false when that time is
   /// over. With 0 or less it only looks. Throws "cond_".

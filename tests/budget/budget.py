@@ -5,11 +5,14 @@
     budget.py --program ... fmt_one --update                             stores what was counted
 
 budget.json holds, for each entry, the instructions of one operation and how often it is run to be
-counted. The counts are those of this project's usual compiler, g++ 12 with -O2; they do not depend
+counted; or, for an entry with "calls", the system calls of one operation, without those for memory
+and for waiting, under strace. Of these none may be made more often than the table says, and none of
+those in ONCE another number of times. The counts are those of this project's usual compiler, g++ 12 with -O2; they do not depend
 on the machine's speed or load. A change that needs fewer should store them.
 """
 
 import argparse
+import collections
 import json
 import os
 import re
@@ -20,6 +23,9 @@ import tempfile
 
 TABLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "budget.json")
 MARGIN = 0.10
+# What is prescribed; C libraries differ in the others.
+ONCE = ("open", "write", "close")
+NAMES = {"openat": "open", "newfstatat": "stat", "fstat": "stat", "lstat": "stat", "statx": "stat"}
 SKIPPED = 77
 
 
@@ -44,6 +50,37 @@ def count(program, entry, times, valgrind="valgrind"):
     return -(-int(total[1]) // times)
 
 
+def count_calls(program, entry, strace="strace"):
+    """System calls of one operation by name: the difference between 11 operations and one."""
+    counts = [traced(program, entry, times, strace) for times in (1, 11)]
+    added = {name: counts[1][name] - counts[0][name] for name in sorted(counts[1])}
+    return {name: number / 10 if number % 10 else number // 10
+            for name, number in added.items() if number != 0}
+
+
+def traced(program, entry, times, strace):
+    with tempfile.TemporaryDirectory() as folder:
+        log = os.path.join(folder, "calls")
+        run = subprocess.run(
+            [strace, "-f", "-e", "trace=!%memory,futex", "-e", "signal=none", "-o", log,
+             os.path.abspath(program), entry, str(times)],
+            cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        if run.returncode != 0:
+            raise Failed(f"{entry}: the program ended with {run.returncode}:\n{run.stdout}")
+        with open(log) as file:
+            names = re.findall(r"^\d+ +(\w+)\(", file.read(), re.MULTILINE)
+    return collections.Counter(NAMES.get(name, name) for name in names)
+
+
+def calls_verdict(entry, counted, budget):
+    line = f"{entry}: {json.dumps(counted)}, budget {json.dumps(budget)}"
+    more = [name for name in counted if counted[name] > budget.get(name, 0)]
+    wrong = [name for name in ONCE if counted.get(name) != budget.get(name)]
+    if more or wrong:
+        raise Failed(line + ": not as it should be: " + ", ".join(sorted({*more, *wrong})))
+    return line
+
+
 def verdict(entry, counted, budget):
     """One line for the reader; raises Failed when the budget is exceeded by more than the margin."""
     line = f"{entry}: {counted} instructions, budget {budget} ({counted / budget - 1:+.1%})"
@@ -57,9 +94,9 @@ def read(table):
         return json.load(file)
 
 
-def store(table, entry, counted):
+def store(table, entry, what, counted):
     entries = read(table)
-    entries[entry]["instructions"] = counted
+    entries[entry][what] = counted
     with open(table, "w") as file:
         lines = [f"  {json.dumps(name)}: {json.dumps(entries[name])}" for name in entries]
         file.write("{\n" + ",\n".join(lines) + "\n}\n")
@@ -71,19 +108,25 @@ def main(arguments):
     parser.add_argument("--update", action="store_true")
     parser.add_argument("entry")
     options = parser.parse_args(arguments)
-    if shutil.which("valgrind") is None:
-        print("skipped: valgrind is not installed")
-        return SKIPPED
     try:
         stored = read(TABLE).get(options.entry)
         if stored is None:
             raise Failed(f"{options.entry}: no budget; add {{\"times\": N, \"instructions\": N}}")
-        counted = count(options.program, options.entry, stored["times"])
-        if options.update:
-            store(TABLE, options.entry, counted)
-            print(f"{options.entry}: {counted} instructions stored")
+        what = "calls" if "calls" in stored else "instructions"
+        tool = "strace" if what == "calls" else "valgrind"
+        if shutil.which(tool) is None:
+            print(f"skipped: {tool} is not installed")
+            return SKIPPED
+        if what == "calls":
+            counted = count_calls(options.program, options.entry)
         else:
-            print(verdict(options.entry, counted, stored["instructions"]))
+            counted = count(options.program, options.entry, stored["times"])
+        if options.update:
+            store(TABLE, options.entry, what, counted)
+            print(f"{options.entry}: {counted} stored")
+        else:
+            judge = calls_verdict if what == "calls" else verdict
+            print(judge(options.entry, counted, stored[what]))
     except Failed as failure:
         print(failure)
         return 1

@@ -52,17 +52,51 @@ class Store(unittest.TestCase):
             table = os.path.join(folder, "budget.json")
             with open(table, "w") as file:
                 file.write('{"a": {"times": 1, "instructions": 5}, "b": {"times": 2, "instructions": 6}}')
-            budget.store(table, "b", 7)
+            budget.store(table, "b", "instructions", 7)
             with open(table) as file:
                 self.assertEqual(file.read(), '{\n  "a": {"times": 1, "instructions": 5},\n'
                                               '  "b": {"times": 2, "instructions": 7}\n}\n')
 
 
+class Calls(unittest.TestCase):
+    stored = {"open": 1, "stat": 2, "write": 1, "close": 1}
+
+    def test_as_stored_passes_and_so_do_fewer_that_are_not_prescribed(self):
+        budget.calls_verdict("x", self.stored, self.stored)
+        budget.calls_verdict("x", {**self.stored, "stat": 1}, self.stored)
+
+    def test_more_of_any_fails(self):
+        with self.assertRaisesRegex(budget.Failed, "not as it should be: stat$"):
+            budget.calls_verdict("x", {**self.stored, "stat": 3}, self.stored)
+        with self.assertRaisesRegex(budget.Failed, "not as it should be: sync$"):
+            budget.calls_verdict("x", {**self.stored, "sync": 0.1}, self.stored)
+
+    def test_prescribed_one_that_is_missing_fails(self):
+        with self.assertRaisesRegex(budget.Failed, "not as it should be: close$"):
+            budget.calls_verdict("x", {"open": 1, "stat": 2, "write": 1}, self.stored)
+
+    def test_what_each_operation_adds_is_counted(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "strace")
+            with open(path, "w") as file:
+                file.write("#!/bin/sh\nwhile [ \"$1\" != -o ]; do shift; done\nlog=$2\n"
+                           "shift 4\necho '7 brk(0) = 1' >>$log\n"
+                           "for i in $(seq $1); do echo '7 openat(1) = 3' >>$log; done\n")
+            os.chmod(path, stat.S_IRWXU)
+            self.assertEqual(budget.count_calls("program", "entry", path), {"open": 1})
+
+
 class Table(unittest.TestCase):
     def test_every_entry_has_a_budget(self):
         for name, stored in budget.read(budget.TABLE).items():
-            self.assertEqual(sorted(stored), ["instructions", "times"], name)
-            self.assertGreater(stored["times"], 0, name)
+            kind = ["calls"] if "calls" in stored else ["instructions", "times"]
+            self.assertEqual(sorted(stored), kind, name)
+
+    def test_batches_of_all_sizes_make_the_same_calls_and_those_prescribed_once(self):
+        table = budget.read(budget.TABLE)
+        calls = table["log_batch_of_1"]["calls"]
+        self.assertEqual(calls, table["log_batch_of_700"]["calls"])
+        self.assertEqual([calls[name] for name in budget.ONCE], [1, 1, 1])
 
 
 if __name__ == "__main__":

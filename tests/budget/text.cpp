@@ -42,7 +42,8 @@ void log_call() {
   log.log(0, kPath.data(), kPath.size());
 }
 
-/// The writer's part: 100 different lines to a file, echo off.
+/// The writer's part: different lines to a file, echo off.
+template <int Lines>
 void log_batch() {
   static muro::log_output output;
   [[maybe_unused]] static const bool to_file = [] {
@@ -51,7 +52,8 @@ void log_batch() {
     return true;
   }();
   static muro::log_queue batch;
-  for (int i = 0; i < 100; ++i) batch.push({kPath, std::to_string(100 + i)});
+  static int number = 0;
+  for (int i = 0; i < Lines; ++i) batch.push({kPath, std::to_string(++number)});
   output.write(batch);
 }
 
@@ -62,5 +64,7 @@ int main(int argc, char** argv) {
                      {{"fmt_five", fmt_five},
                       {"fmt_one", fmt_one},
                       {"log_call", log_call},
-                      {"log_batch", log_batch}});
+                      {"log_batch", log_batch<100>},
+                      {"log_batch_of_1", log_batch<1>},
+                      {"log_batch_of_700", log_batch<700>}});
 }

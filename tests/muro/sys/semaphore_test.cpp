@@ -98,7 +98,7 @@ int g_in_vain;
 
 }  // namespace
 
-TEST(semaphore, post_signals_before_it_lets_the_mutex_go) {
+TEST(semaphore, post_signals_before_it_lets_the_mutex_go_and_post_to_stay_after_it) {
   muro::semaphore count(0, 0);
   g_steps.clear();
   const replaced lock(
@@ -118,6 +118,22 @@ TEST(semaphore, post_signals_before_it_lets_the_mutex_go) {
       });
   count.post();
   EXPECT_EQ(g_steps, (lines{"lock", "signal", "unlock"}));
+  g_steps.clear();
+  count.post_to_stay();
+  EXPECT_EQ(g_steps, (lines{"lock", "unlock", "signal"})) << "the waiter finds the mutex free";
+}
+
+TEST(semaphore, post_to_stay_gives_a_count_even_when_it_fails_to_wake) {
+  muro::semaphore count(0, 0);
+  count.post_to_stay();
+  {
+    const replaced call(
+        g_thread_calls.cond_signal, +[](pthread_cond_t*) { return EINVAL; });
+    EXPECT_EQ(thrown([&] { count.post_to_stay(); }), ":Error in 'post'");
+  }
+  EXPECT_TRUE(count.wait_ms(0));
+  EXPECT_TRUE(count.wait_ms(0));
+  EXPECT_FALSE(count.wait_ms(0));
 }
 
 TEST(semaphore, that_cannot_be_made_fails_by_its_own_name) {
