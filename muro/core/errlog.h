@@ -9,7 +9,7 @@
 ///     timestamp in UTC     name  text, with every byte below 0x20 and "`" as "`" and two hex
 ///     digits
 ///
-/// A caller never waits for output: a line costs one string, one lock and at most one post. A line
+/// A caller never waits for output: a line costs one copy, one lock and at most one post. A line
 /// may be logged from any thread and at any time, before the runtime has started and while the
 /// process ends; it is out for certain only after `wait_for_flush`. Nothing here reports a failure
 /// but `std::bad_alloc`, and errno stays as it was. Settings: muro/core/log_settings.h.

@@ -75,8 +75,7 @@ using sink_function = void (*)(const char*, std::size_t);
 
 void write_to_sink(const log_entry& entry, sink_function sink) try {
   if (const raw_log_line* const raw = entry.raw) {
-    const std::string_view message = raw->message();
-    const std::string_view text = log_text::without_line_end(message);
+    const std::string_view text = log_text::without_line_end(raw->message());
     sink(text.data(), text.size());
   } else {
     std::string text;
@@ -99,7 +98,7 @@ void release(const log_slice& slice) {
   });
 }
 
-/// Writes an empty batch's slices one after the other, whatever becomes of each.
+/// Writes the slices of a batch one after the other, whatever becomes of each, and empties it.
 template <class Write>
 void write_slices(log_queue& batch, Write write) {
   while (!batch.empty()) {

@@ -73,6 +73,25 @@ TEST_F(log_output_test, echo_can_be_switched_off) {
   EXPECT_EQ(file(), line("main: a"));
 }
 
+TEST_F(log_output_test, lines_of_a_batch_have_one_time_in_file_and_echo) {
+  errlog::set_log_to_stderr(true);
+  muro::x_absolute_time = [] { return ++now_s * 1000; };
+  const std::string echo = stderr_of([] {
+    const test::held_dumper one_batch;
+    fmt_dbg("").fmt_verbose("a");
+    fmt_dbg("").fmt_verbose("b");
+  });
+  EXPECT_EQ(echo, file());
+  EXPECT_EQ(echo, "2024-02-29T12:00:01Z a\n2024-02-29T12:00:01Z b\n");
+}
+
+TEST_F(log_output_test, echo_without_timestamps_has_the_escaped_texts_beside_a_file_with_them) {
+  errlog::set_log_to_stderr(true);
+  errlog::set_log_stderr_timestamps(false);
+  EXPECT_EQ(stderr_of([] { fmt_dbg("main").fmt_verbose("a\n"); }), "main: a`0a\n");
+  EXPECT_EQ(file(), line("main: a`0a"));
+}
+
 TEST_F(log_output_test, echo_is_not_folded) {
   errlog::set_log_to_stderr(true);
   const std::string echo = stderr_of([this] {

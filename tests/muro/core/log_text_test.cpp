@@ -35,6 +35,22 @@ TEST(escape, leaves_all_other_bytes) {
   }
 }
 
+TEST(escape, finds_every_byte_at_every_place) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const bool plain = byte >= 0x20 && byte != '`';
+    for (std::size_t at = 0; at < 20; ++at) {
+      std::string text(20, '\xff');
+      text[at] = static_cast<char>(byte);
+      EXPECT_EQ(escaped(text).size(), plain ? 20U : 22U) << byte << " at " << at;
+    }
+  }
+}
+
+TEST(escape, replaces_neighbours_and_leaves_what_is_around_them) {
+  EXPECT_EQ(escaped("eight by`\n`tes and some"), "eight by`60`0a`60tes and some");
+  EXPECT_EQ(escaped(std::string(9, '\n')), "`0a`0a`0a`0a`0a`0a`0a`0a`0a");
+}
+
 TEST(escape, leaves_the_empty_text) {
   EXPECT_EQ(escaped(""), "");
 }
