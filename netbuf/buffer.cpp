@@ -7,8 +7,6 @@ namespace netbuf_imp {
 namespace {
 
 constexpr std::int32_t everything = std::numeric_limits<std::int32_t>::max();
-// With this many views the next growth first makes one of them.
-constexpr std::size_t view_count_to_compact = 129;
 constexpr std::int32_t largest_growth_chunk = 1048576;
 
 }  // namespace
@@ -89,18 +87,6 @@ void buffer::gather(std::size_t count, std::int32_t length) {
   views_.push(std::move(joined), end::front);
 }
 
-// The bytes that the end view may grow by where it stands.
-std::int32_t buffer::room(end where) {
-  if (views_.empty()) return 0;
-  const view& last = views_.at(where);
-  return where == end::back ? last.room_behind() : last.room_before();
-}
-
-char* buffer::grow_end_view(std::int32_t n, end where) noexcept {
-  total_ += n;
-  return views_.at(where).grow(n, where);
-}
-
 // The room that the new chunk has beyond `n` lies where the next growth at this end wants it.
 char* buffer::grow_by_new_view(chunk* made, std::int32_t n, end where) noexcept {
   total_ += n;
@@ -117,7 +103,7 @@ std::int32_t buffer::new_chunk_size(std::int32_t n, std::int32_t total) const {
   return std::max(n, std::min(count * 128 + total / 4 + 128, largest_growth_chunk));
 }
 
-char* buffer::allocate(std::int32_t n, end where) {
+char* buffer::allocate_beyond_view(std::int32_t n, end where) {
   if (n < 1) return nullptr;
   refuse_beyond_limit(n);
   compact();
@@ -165,8 +151,25 @@ const char* buffer::pull_up(std::int32_t limit, std::int32_t* length) {
   return views_[0].data();
 }
 
-void buffer::erase(std::int32_t n, end where) noexcept {
-  if (n < 1) return;
+// One walk for both copies: a view's bytes are still in the processor's cache for the second.
+std::string buffer::to_string() {
+  std::string text;
+  text.reserve(static_cast<std::size_t>(total_));
+  if (views_.size() == 1) text.append(views_[0].data(), static_cast<std::size_t>(total_));
+  if (views_.size() < 2) return text;
+  view joined(new nchunk(total_), 0, 0);
+  for (std::size_t i = 0; i < views_.size(); ++i) {
+    const view& from = views_[i];
+    const auto length = static_cast<std::size_t>(from.length());
+    std::memcpy(joined.grow(from.length(), end::back), from.data(), length);
+    text.append(from.data(), length);
+  }
+  views_.clear();
+  views_.push(std::move(joined), end::front);
+  return text;
+}
+
+void buffer::erase_views(std::int32_t n, end where) noexcept {
   if (n >= total_) {
     views_.clear();
     total_ = 0;
@@ -194,6 +197,12 @@ void buffer::copy_range(char* dest, std::int32_t offset, std::int32_t n) const {
     n -= part;
     offset = 0;
   }
+}
+
+std::int32_t buffer::copy_views(char* dest, std::int32_t n) const {
+  n = std::min(n, total_);
+  copy_range(dest, 0, n);
+  return n;
 }
 
 std::int32_t buffer::copy_out(char* dest, std::int32_t n, end where, after_copy then) {

@@ -75,7 +75,7 @@ nchunk::piece nchunk::acquire(std::int32_t n) {
 nchunk::nchunk(std::int32_t n) : nchunk(acquire(n)) {}
 
 nchunk::nchunk(const piece& from) noexcept
-    : chunk(from.memory, from.capacity), cache_(from.cache) {}
+    : chunk(from.memory, from.capacity, memory_rights::writable), cache_(from.cache) {}
 
 nchunk::~nchunk() {
   if (cache_ != nullptr) {

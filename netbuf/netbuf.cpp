@@ -4,10 +4,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include "netbuf/buffer.h"
 #include "netbuf/operations.h"
 
 namespace {
 
+using netbuf_imp::buffer;
 using netbuf_imp::end;
 
 template <class Result, class... Arguments>
@@ -32,6 +34,18 @@ constexpr netbuf_imp::operations no_table() {
 
 constinit netbuf_imp::operations g_operations = no_table();
 constinit bool g_installed = false;
+// Whether the installed table is the built-in one in every entry. What is done most then goes
+// straight to the object, with the same outcome.
+constinit bool g_built_in = false;
+
+buffer& built_in(void* object) {
+  return *static_cast<buffer*>(object);
+}
+
+// Built in, an empty buffer gets its object when something is put into it.
+void* object_of_empty() {
+  return g_built_in ? nullptr : g_operations.create();
+}
 
 constexpr std::size_t skipped_entry = 22;
 constexpr std::size_t first_after_skipped = skipped_entry + 1;
@@ -57,6 +71,7 @@ bool netbuf::install(void** table) {
   std::memcpy(installed + first_after_skipped, table + first_after_skipped,
               (netbuf_imp::operation_count - first_after_skipped) * sizeof(void*));
   g_installed = true;
+  g_built_in = std::memcmp(&g_operations, &netbuf_impl, sizeof g_operations) == 0;
   return true;
 }
 
@@ -64,14 +79,14 @@ void netbuf::init(const init_args& args) {
   g_operations.init(args.memory_checking, args.caching);
 }
 
-netbuf::netbuf() : object_(g_operations.create()) {}
+netbuf::netbuf() : object_(object_of_empty()) {}
 
 netbuf::netbuf(const netbuf& other) : netbuf(other, 0, everything) {}
 
 netbuf::netbuf(netbuf&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
 netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
-    : object_(other.object_ == nullptr ? g_operations.create()
+    : object_(other.object_ == nullptr ? object_of_empty()
                                        : g_operations.create_range(other.object_, offset, length)) {
 }
 
@@ -89,7 +104,8 @@ netbuf& netbuf::operator=(netbuf&& other) noexcept {
 }
 
 netbuf::~netbuf() {
-  if (object_ != nullptr) g_operations.destroy(object_);
+  if (object_ == nullptr) return;
+  g_built_in ? delete &built_in(object_) : g_operations.destroy(object_);
 }
 
 // A move must not fail, so the buffer that it leaves gets its object only when it needs one.
@@ -99,7 +115,8 @@ void* netbuf::object() {
 }
 
 std::int32_t netbuf::size() const {
-  return object_ == nullptr ? 0 : g_operations.size(object_);
+  if (object_ == nullptr) return 0;
+  return g_built_in ? built_in(object_).size() : g_operations.size(object_);
 }
 
 void netbuf::append(const netbuf& other) {
@@ -108,33 +125,41 @@ void netbuf::append(const netbuf& other) {
 
 void netbuf::append(const std::string& s) {
   char* added = allocate_back(netbuf_imp::checked_length(s.size()));
-  if (added != nullptr) s.copy(added, s.size());
+  if (added != nullptr) std::memcpy(added, s.data(), s.size());
 }
 
 char* netbuf::allocate_back(std::int32_t n) {
+  if (g_built_in && object_ != nullptr) return built_in(object_).allocate(n, end::back);
   return g_operations.allocate(object(), n, end::back);
 }
 
 char* netbuf::allocate_front(std::int32_t n) {
+  if (g_built_in && object_ != nullptr) return built_in(object_).allocate(n, end::front);
   return g_operations.allocate(object(), n, end::front);
 }
 
 void netbuf::erase_front(std::int32_t n) {
-  if (object_ != nullptr) g_operations.erase(object_, n, end::front);
+  if (object_ == nullptr) return;
+  if (g_built_in) return built_in(object_).erase(n, end::front);
+  g_operations.erase(object_, n, end::front);
 }
 
 void netbuf::erase_back(std::int32_t n) {
-  if (object_ != nullptr) g_operations.erase(object_, n, end::back);
+  if (object_ == nullptr) return;
+  if (g_built_in) return built_in(object_).erase(n, end::back);
+  g_operations.erase(object_, n, end::back);
 }
 
 std::int32_t netbuf::copy_front(char* dest, std::int32_t n) const {
   if (object_ == nullptr) return 0;
+  if (g_built_in) return built_in(object_).copy_front(dest, n);
   return g_operations.copy_out(object_, dest, n, end::front, netbuf_imp::after_copy::keep);
 }
 
 std::string netbuf::to_string() const {
+  if (object_ == nullptr) return {};
+  if (g_built_in) return built_in(object_).to_string();
   std::int32_t length = 0;
-  const char* data =
-      object_ == nullptr ? nullptr : g_operations.pull_up(object_, everything, &length);
+  const char* data = g_operations.pull_up(object_, everything, &length);
   return data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(length));
 }

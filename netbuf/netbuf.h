@@ -105,6 +105,7 @@ class netbuf {
   void* object();
 
  private:
-  // Null only after the content was moved away: an empty buffer whose object is not made yet.
+  // Null for an empty buffer whose object is not made yet: after the content was moved away, and
+  // from the start with the built-in table.
   void* object_;
 };

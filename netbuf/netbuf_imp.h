@@ -83,22 +83,33 @@ class chunk {
   chunk(const chunk&) = delete;
   chunk& operator=(const chunk&) = delete;
 
+  /// What `writable` answers, for the growth of a view, which asks each time.
+  bool may_be_written() const noexcept {
+    return rights_ == memory_rights::writable && references() < 2;
+  }
+
   /// One reference more; the caller has one already.
   void inc() noexcept { references_.fetch_add(1); }
-  /// One reference less. Returns whether it was the last: then the caller deletes the chunk.
-  bool dec() noexcept { return references_.fetch_sub(1) == 1; }
+  /// `n` references less, which the caller has. Returns whether they were the last: then the caller
+  /// deletes the chunk. Nobody else can count when all there are are the caller's, so that case,
+  /// the usual one, does without the barrier of a change.
+  bool dec(std::int32_t n = 1) noexcept {
+    return references() == n || references_.fetch_sub(n) == n;
+  }
   std::int32_t references() const noexcept { return references_.load(); }
 
   char* memory() const noexcept { return memory_; }
   std::int32_t capacity() const noexcept { return capacity_; }
 
  protected:
-  chunk(char* memory, std::int32_t capacity) noexcept : memory_(memory), capacity_(capacity) {}
+  chunk(char* memory, std::int32_t capacity, memory_rights rights) noexcept
+      : memory_(memory), capacity_(capacity), rights_(rights) {}
 
  private:
   std::atomic<std::int32_t> references_{1};
   char* memory_;
   std::int32_t capacity_;
+  memory_rights rights_;
 };
 
 /// A chunk that owns its memory: an item of the first size class that holds it, or a piece of the
@@ -108,7 +119,7 @@ class nchunk final : public chunk {
   /// Memory for at least `n` bytes, `n` above 0. Throws `std::bad_alloc`.
   explicit nchunk(std::int32_t n);
   ~nchunk() override;
-  bool writable() const override { return references() < 2; }
+  bool writable() const override { return may_be_written(); }
 
   /// The cache that the memory came from; null when it came from the general allocator.
   memory_cache* cache() const { return cache_; }
@@ -132,15 +143,11 @@ class cchunk final : public chunk {
   /// Calls `release` with `context` at its end, unless it is null.
   cchunk(char* memory, std::int32_t capacity, memory_rights rights, release_function release,
          void* context) noexcept
-      : chunk(memory, capacity),
-        read_only_(rights == memory_rights::read_only),
-        release_(release),
-        context_(context) {}
+      : chunk(memory, capacity, rights), release_(release), context_(context) {}
   ~cchunk() override;
-  bool writable() const override { return !read_only_ && references() < 2; }
+  bool writable() const override { return may_be_written(); }
 
  private:
-  bool read_only_;
   release_function release_;
   void* context_;
 };
@@ -169,9 +176,14 @@ class view {
 
   /// Gives the reference up; the last one deletes the chunk. The view is empty afterwards.
   void dec() noexcept {
-    chunk* released = std::exchange(chunk_, nullptr);
-    length_ = 0;
+    chunk* released = release();
     if (released != nullptr && released->dec()) delete released;
+  }
+
+  /// Hands the reference to the caller. The view is empty afterwards.
+  chunk* release() noexcept {
+    length_ = 0;
+    return std::exchange(chunk_, nullptr);
   }
 
   const char* data() const noexcept { return chunk_->memory() + offset_; }
@@ -181,10 +193,13 @@ class view {
 
   /// The bytes free behind and before the view's range, into which it may grow; 0 when the chunk
   /// may not be written.
-  std::int32_t room_behind() const {
-    return chunk_->writable() ? chunk_->capacity() - offset_ - length_ : 0;
+  std::int32_t room_behind() const noexcept {
+    return chunk_->may_be_written() ? chunk_->capacity() - offset_ - length_ : 0;
   }
-  std::int32_t room_before() const { return chunk_->writable() ? offset_ : 0; }
+  std::int32_t room_before() const noexcept { return chunk_->may_be_written() ? offset_ : 0; }
+  std::int32_t room(end where) const noexcept {
+    return where == end::back ? room_behind() : room_before();
+  }
 
   /// Lengthens the view by `n` bytes of the room at that end; the address of those bytes.
   char* grow(std::int32_t n, end where) noexcept {

@@ -53,8 +53,14 @@ class view_queue {
     --count_;
   }
 
+  /// Removes all. Neighbours that look at one chunk give their references up in one step.
   void clear() noexcept {
-    while (!empty()) pop(end::back);
+    while (!empty()) {
+      chunk* const shared = release_last();
+      std::int32_t references = 1;
+      for (; !empty() && at(end::back).get_chunk() == shared; ++references) release_last();
+      if (shared->dec(references)) delete shared;
+    }
   }
 
  private:
@@ -62,6 +68,12 @@ class view_queue {
 
   view* own_room() noexcept { return reinterpret_cast<view*>(own_room_); }
   view* slot(std::size_t i) const noexcept { return views_ + ((head_ + i) & (capacity_ - 1)); }
+
+  chunk* release_last() noexcept {
+    chunk* const released = at(end::back).release();
+    --count_;
+    return released;
+  }
 
   void enlarge(std::size_t wanted);
 
