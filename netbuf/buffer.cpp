@@ -21,7 +21,7 @@ buffer::buffer(const buffer& other, std::int32_t offset, std::int32_t length) {
   while (offset >= other.views_[first].length()) offset -= other.views_[first++].length();
 
   for (std::size_t i = first; total_ < length; ++i) {
-    views_.make_room(1);
+    views_.make_room(1, end::back);
     view shared = other.views_[i];
     if (i == first) shared.shrink(offset, end::front);
     const std::int32_t surplus = shared.length() - (length - total_);
@@ -39,7 +39,7 @@ void buffer::add(const buffer& other, end where) {
   refuse_beyond_limit(other.total_);
   const std::int32_t added = other.total_;
   const std::size_t count = other.views_.size();
-  views_.make_room(count);
+  views_.make_room(count, where);
   for (std::size_t i = 0; i < count; ++i) {
     // At the front the last view goes first. Added to itself the buffer moves on by one each time.
     const std::size_t back_to_front = count - 1 - (&other == this ? 0 : i);
@@ -56,7 +56,7 @@ void buffer::add_memory(char* memory, std::int32_t length, end where, memory_rig
     return;
   }
   refuse_beyond_limit(length);
-  views_.make_room(1);
+  views_.make_room(1, where);
   views_.push(view(new cchunk(memory, length, rights, release, context), 0, length), where);
   total_ += length;
 }
@@ -64,7 +64,7 @@ void buffer::add_memory(char* memory, std::int32_t length, end where, memory_rig
 void buffer::take(buffer& other, end where) {
   if (&other == this) return;
   refuse_beyond_limit(other.total_);
-  views_.make_room(other.views_.size());
+  views_.make_room(other.views_.size(), where);
   const end from = where == end::back ? end::front : end::back;
   while (!other.views_.empty()) {
     views_.push(std::move(other.views_.at(from)), where);
@@ -109,7 +109,7 @@ char* buffer::allocate_beyond_view(std::int32_t n, end where) {
   compact();
   // Whatever may throw is done before anything is changed.
   if (room(where) >= n) return grow_end_view(n, where);
-  views_.make_room(1);
+  views_.make_room(1, where);
   return grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
 }
 
@@ -125,7 +125,7 @@ char* buffer::allocate_some(std::int32_t minimum, std::int32_t maximum, end wher
     *length = std::min(there, maximum);
     return grow_end_view(*length, where);
   }
-  views_.make_room(1);
+  views_.make_room(1, where);
   chunk* made = new nchunk(new_chunk_size(minimum, total_ + minimum));
   *length = std::min(made->capacity(), maximum);
   return grow_by_new_view(made, *length, where);
@@ -165,7 +165,7 @@ std::string buffer::to_string() {
     text.append(from.data(), length);
   }
   views_.clear();
-  views_.push(std::move(joined), end::front);
+  views_.push(std::move(joined), end::back);
   return text;
 }
 

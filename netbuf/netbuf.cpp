@@ -38,13 +38,19 @@ constinit bool g_installed = false;
 // straight to the object, with the same outcome.
 constinit bool g_built_in = false;
 
-buffer& built_in(void* object) {
-  return *static_cast<buffer*>(object);
+// The object, when it may be reached that way; null when there is none or it is a host's.
+buffer* built_in(void* object) {
+  return g_built_in ? static_cast<buffer*>(object) : nullptr;
 }
 
 // Built in, an empty buffer gets its object when something is put into it.
 void* object_of_empty() {
   return g_built_in ? nullptr : g_operations.create();
+}
+
+// Kept out of the callers, whose usual way is short.
+[[gnu::noinline]] char* allocate_by_table(netbuf& self, std::int32_t n, end where) {
+  return g_operations.allocate(self.object(), n, where);
 }
 
 constexpr std::size_t skipped_entry = 22;
@@ -104,8 +110,11 @@ netbuf& netbuf::operator=(netbuf&& other) noexcept {
 }
 
 netbuf::~netbuf() {
-  if (object_ == nullptr) return;
-  g_built_in ? delete &built_in(object_) : g_operations.destroy(object_);
+  if (buffer* const self = built_in(object_)) {
+    delete self;
+  } else if (object_ != nullptr) {
+    g_operations.destroy(object_);
+  }
 }
 
 // A move must not fail, so the buffer that it leaves gets its object only when it needs one.
@@ -115,8 +124,8 @@ void* netbuf::object() {
 }
 
 std::int32_t netbuf::size() const {
-  if (object_ == nullptr) return 0;
-  return g_built_in ? built_in(object_).size() : g_operations.size(object_);
+  if (const buffer* const self = built_in(object_)) return self->size();
+  return object_ == nullptr ? 0 : g_operations.size(object_);
 }
 
 void netbuf::append(const netbuf& other) {
@@ -129,37 +138,35 @@ void netbuf::append(const std::string& s) {
 }
 
 char* netbuf::allocate_back(std::int32_t n) {
-  if (g_built_in && object_ != nullptr) return built_in(object_).allocate(n, end::back);
-  return g_operations.allocate(object(), n, end::back);
+  if (buffer* const self = built_in(object_)) return self->allocate(n, end::back);
+  return allocate_by_table(*this, n, end::back);
 }
 
 char* netbuf::allocate_front(std::int32_t n) {
-  if (g_built_in && object_ != nullptr) return built_in(object_).allocate(n, end::front);
-  return g_operations.allocate(object(), n, end::front);
+  if (buffer* const self = built_in(object_)) return self->allocate(n, end::front);
+  return allocate_by_table(*this, n, end::front);
 }
 
 void netbuf::erase_front(std::int32_t n) {
-  if (object_ == nullptr) return;
-  if (g_built_in) return built_in(object_).erase(n, end::front);
-  g_operations.erase(object_, n, end::front);
+  if (buffer* const self = built_in(object_)) return self->erase(n, end::front);
+  if (object_ != nullptr) g_operations.erase(object_, n, end::front);
 }
 
 void netbuf::erase_back(std::int32_t n) {
-  if (object_ == nullptr) return;
-  if (g_built_in) return built_in(object_).erase(n, end::back);
-  g_operations.erase(object_, n, end::back);
+  if (buffer* const self = built_in(object_)) return self->erase(n, end::back);
+  if (object_ != nullptr) g_operations.erase(object_, n, end::back);
 }
 
 std::int32_t netbuf::copy_front(char* dest, std::int32_t n) const {
+  if (const buffer* const self = built_in(object_)) return self->copy_front(dest, n);
   if (object_ == nullptr) return 0;
-  if (g_built_in) return built_in(object_).copy_front(dest, n);
   return g_operations.copy_out(object_, dest, n, end::front, netbuf_imp::after_copy::keep);
 }
 
 std::string netbuf::to_string() const {
-  if (object_ == nullptr) return {};
-  if (g_built_in) return built_in(object_).to_string();
+  if (buffer* const self = built_in(object_)) return self->to_string();
   std::int32_t length = 0;
-  const char* data = g_operations.pull_up(object_, everything, &length);
+  const char* data =
+      object_ == nullptr ? nullptr : g_operations.pull_up(object_, everything, &length);
   return data == nullptr ? std::string() : std::string(data, static_cast<std::size_t>(length));
 }

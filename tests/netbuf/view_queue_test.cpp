@@ -22,7 +22,7 @@ class view_queues : public test::with_builtin {
     return made;
   }
   void push(view_queue& on, std::int32_t number, end where) {
-    on.make_room(1);
+    on.make_room(1, where);
     on.push(numbered(number), where);
   }
 
