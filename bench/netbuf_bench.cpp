@@ -62,7 +62,7 @@ Bytes copy_cut_append_100() {
     Bytes copy(original);
     copy.drop_front(1000);
     copy.drop_back(1000);
-    all.share(copy);
+    all.take(std::move(copy));
   }
   return all;
 }

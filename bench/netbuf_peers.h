@@ -4,7 +4,7 @@
 /// the way that its own documentation recommends:
 ///
 /// - `append`, `prepend` copy bytes in; `share` adds another buffer's content, without copying
-///   where the peer can;
+///   where the peer can, and `take` one that is not needed any more, the cheapest way there is;
 /// - `receive` has `room` bytes at the back filled and keeps as many as `fill` says it has set;
 /// - `peek` copies from the front, `drop_front` and `drop_back` remove;
 /// - `to_string` copies the whole content out, through a pull-up where the peer has one.
@@ -41,6 +41,7 @@ class netbuf_bytes {
     std::memcpy(bytes_.allocate_front(as_length(n)), data, n);
   }
   void share(const netbuf_bytes& other) { bytes_.append(other.bytes_); }
+  void take(netbuf_bytes&& other) { bytes_.append(std::move(other.bytes_)); }
   template <class Fill>
   void receive(std::size_t room, Fill fill) {
     const std::size_t used = fill(bytes_.allocate_back(as_length(room)));
@@ -60,6 +61,7 @@ class string_bytes {
   void append(const char* data, std::size_t n) { bytes_.append(data, n); }
   void prepend(const char* data, std::size_t n) { bytes_.insert(0, data, n); }
   void share(const string_bytes& other) { bytes_.append(other.bytes_); }
+  void take(string_bytes&& other) { share(other); }
   template <class Fill>
   void receive(std::size_t room, Fill fill) {
     const std::size_t before = bytes_.size();
@@ -118,6 +120,7 @@ class evbuffer_bytes {
     // References are refused for content that is itself a reference: that is copied.
     if (evbuffer_add_buffer_reference(bytes_, other.bytes_) != 0) append(other.to_string());
   }
+  void take(evbuffer_bytes&& other) { evbuffer_add_buffer(bytes_, other.bytes_); }
   template <class Fill>
   void receive(std::size_t room, Fill fill) {
     evbuffer_iovec space;
@@ -151,6 +154,7 @@ class cord_bytes {
   void append(const char* data, std::size_t n) { bytes_.Append(absl::string_view(data, n)); }
   void prepend(const char* data, std::size_t n) { bytes_.Prepend(absl::string_view(data, n)); }
   void share(const cord_bytes& other) { bytes_.Append(other.bytes_); }
+  void take(cord_bytes&& other) { bytes_.Append(std::move(other.bytes_)); }
   template <class Fill>
   void receive(std::size_t room, Fill fill) {
     absl::CordBuffer space = absl::CordBuffer::CreateWithCustomLimit(16384, room);

@@ -132,6 +132,16 @@ void netbuf::append(const netbuf& other) {
   if (other.object_ != nullptr) g_operations.add(object(), other.object_, end::back);
 }
 
+// A host's table is asked for sharing alone: its entries that move content may be missing.
+void netbuf::append(netbuf&& other) {
+  if (&other == this) return;
+  if (buffer* const given = built_in(other.object_)) {
+    return static_cast<buffer*>(object())->take(*given, end::back);
+  }
+  append(other);
+  other = netbuf();
+}
+
 void netbuf::append(const std::string& s) {
   char* added = allocate_back(netbuf_imp::checked_length(s.size()));
   if (added != nullptr) std::memcpy(added, s.data(), s.size());

@@ -80,6 +80,10 @@ class netbuf {
   /// Appends the content of `other`, sharing its chunks. `other` may be this buffer.
   void append(const netbuf& other);
 
+  /// The same, but takes the content over and leaves `other` empty, which spares the sharing.
+  /// Appending a buffer to itself this way changes nothing.
+  void append(netbuf&& other);
+
   /// Appends a copy of the bytes of `s`.
   void append(const std::string& s);
 
