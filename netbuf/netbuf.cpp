@@ -48,6 +48,12 @@ void* object_of_empty() {
   return g_built_in ? nullptr : g_operations.create();
 }
 
+void* object_of_range(void* other, std::int32_t offset, std::int32_t length) {
+  if (const buffer* const from = built_in(other)) return new buffer(*from, offset, length);
+  if (other == nullptr) return object_of_empty();
+  return g_operations.create_range(other, offset, length);
+}
+
 // Kept out of the callers, whose usual way is short.
 [[gnu::noinline]] char* allocate_by_table(netbuf& self, std::int32_t n, end where) {
   return g_operations.allocate(self.object(), n, where);
@@ -92,9 +98,7 @@ netbuf::netbuf(const netbuf& other) : netbuf(other, 0, everything) {}
 netbuf::netbuf(netbuf&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
 netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
-    : object_(other.object_ == nullptr ? object_of_empty()
-                                       : g_operations.create_range(other.object_, offset, length)) {
-}
+    : object_(object_of_range(other.object_, offset, length)) {}
 
 // The new content is there before the old one goes, so that a failure leaves the old one, and a
 // buffer may be assigned to itself.
@@ -139,7 +143,7 @@ void netbuf::append(netbuf&& other) {
     return static_cast<buffer*>(object())->take(*given, end::back);
   }
   append(other);
-  other = netbuf();
+  const netbuf released(std::move(other));
 }
 
 void netbuf::append(const std::string& s) {

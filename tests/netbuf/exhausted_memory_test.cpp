@@ -51,17 +51,24 @@ netbuf five_views() {
   return made;
 }
 
+/// More views than a buffer of five has room for.
+netbuf many_views() {
+  netbuf made;
+  for (char letter = 'k'; letter <= 'z'; ++letter) made.append(from_text(std::string(1, letter)));
+  return made;
+}
+
 class exhausted_memory : public test::with_builtin {
  protected:
   /// The change of a five-view buffer fails at least once and leaves it as it was each time.
   template <class Change>
   void expect_intact(Change change) {
     netbuf a = five_views();
-    const netbuf other = test::of_views({"v", "w", "x", "y", "z"});
+    const netbuf other = many_views();
     const int failures = fail_each_allocation([&] { change(a, other); },
                                               [&] {
                                                 EXPECT_EQ(content(a), "abcde");
-                                                EXPECT_EQ(content(other), "vwxyz");
+                                                EXPECT_EQ(content(other), "klmnopqrstuvwxyz");
                                               });
     EXPECT_GT(failures, 0);
   }
@@ -106,12 +113,36 @@ TEST_F(exhausted_memory, at_growth_that_compacts_leaves_the_buffer) {
 
 TEST_F(exhausted_memory, at_append_leaves_both_buffers) {
   expect_intact([](netbuf& a, const netbuf& other) { a.append(other); });
-  expect_intact([](netbuf& a, const netbuf&) { a.append(a); });
+  netbuf a = many_views();
+  EXPECT_GT(fail_each_allocation([&] { a.append(a); },
+                                 [&] { EXPECT_EQ(content(a), "klmnopqrstuvwxyz"); }),
+            0);
 }
 
 TEST_F(exhausted_memory, at_append_of_a_string_leaves_the_buffer) {
   const std::string text(uncached, 's');
   expect_intact([&](netbuf& a, const netbuf&) { a.append(text); });
+}
+
+TEST_F(exhausted_memory, at_append_of_a_dying_buffer_leaves_both) {
+  netbuf a = five_views();
+  netbuf b = many_views();
+  EXPECT_GT(fail_each_allocation([&] { a.append(std::move(b)); },
+                                 [&] {
+                                   EXPECT_EQ(content(a), "abcde");
+                                   EXPECT_EQ(content(b), "klmnopqrstuvwxyz");
+                                 }),
+            0);
+  EXPECT_EQ(content(a), "abcdeklmnopqrstuvwxyz");
+}
+
+TEST_F(exhausted_memory, is_no_matter_for_an_empty_buffer) {
+  g_allocations_left = 0;
+  netbuf a;
+  const netbuf b = a;
+  a.append(b);
+  EXPECT_EQ(a.size() + static_cast<std::int32_t>(b.to_string().size()), 0);
+  g_allocations_left = -1;
 }
 
 TEST_F(exhausted_memory, at_assignment_leaves_the_old_content) {
@@ -129,14 +160,14 @@ TEST_F(exhausted_memory, at_pull_up_leaves_the_buffer) {
 
 TEST_F(exhausted_memory, at_move_in_leaves_both_buffers) {
   netbuf a = five_views();
-  netbuf b = test::of_views({"v", "w", "x", "y", "z"});
+  netbuf b = many_views();
   const int failures = fail_each_allocation([&] { netbuf_impl.take_front(a.object(), b.object()); },
                                             [&] {
                                               EXPECT_EQ(content(a), "abcde");
-                                              EXPECT_EQ(content(b), "vwxyz");
+                                              EXPECT_EQ(content(b), "klmnopqrstuvwxyz");
                                             });
   EXPECT_GT(failures, 0);
-  EXPECT_EQ(content(a), "vwxyzabcde");
+  EXPECT_EQ(content(a), "klmnopqrstuvwxyzabcde");
 }
 
 TEST_F(exhausted_memory, leaves_supplied_memory_with_the_caller) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "tests/netbuf/support.h"
 
@@ -243,4 +244,58 @@ TEST(netbuf_memchecker, clears_blocks_and_batches) {
     netbuf made;
     EXPECT_TRUE(all_zero(made.allocate_back(100), 100));
   });
+}
+
+namespace {
+
+std::string g_called;
+
+/// The built-in entry, noted by its number.
+template <auto Entry, int Number>
+struct noted;
+template <class Result, class... Arguments, Result (*operations::*Entry)(Arguments...), int Number>
+struct noted<Entry, Number> {
+  static Result call(Arguments... arguments) {
+    g_called += std::to_string(Number) + " ";
+    return (netbuf_impl.*Entry)(arguments...);
+  }
+};
+
+/// The entries that `netbuf` calls when only entry `Number` is the host's.
+template <auto Entry, int Number>
+std::string called_when_replaced() {
+  operations host = netbuf_impl;
+  host.*Entry = noted<Entry, Number>::call;
+  netbuf::install(host);
+  netbuf a;
+  a.append(std::string("bc"));
+  *a.allocate_front(1) = 'a';
+  netbuf b = a;
+  b.append(a);
+  b.append(netbuf(a, 1, 1));
+  b.erase_front(1);
+  b.erase_back(1);
+  char first = 0;
+  b.copy_front(&first, 1);
+  EXPECT_EQ(first, 'b');
+  EXPECT_EQ(b.size(), 5);
+  EXPECT_EQ(b.to_string(), "bcabc");
+  return std::exchange(g_called, "");
+}
+
+}  // namespace
+
+// A host may replace any entry and leave the others as they are.
+TEST(netbuf_install, a_host_with_one_entry_of_its_own_is_asked) {
+  using o = operations;
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::create, 2>()), "2 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::create_range, 3>()), "3 3 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::size, 4>()), "4 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::add, 5>()), "5 5 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::allocate, 7>()), "7 7 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::pull_up, 9>()), "9 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::erase, 10>()), "10 10 "));
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::copy_out, 11>()), "11 "));
+  // The temporary one's; the other two end later.
+  EXPECT_IN_FRESH_PROCESS(EXPECT_EQ((called_when_replaced<&o::destroy, 1>()), "1 "));
 }

@@ -87,6 +87,25 @@ TEST_F(netbuf_handle, appending_a_buffer_shares_its_chunks) {
   EXPECT_EQ(test::view_at(a, 0).get_chunk()->references(), 2);
 }
 
+TEST_F(netbuf_handle, appending_a_dying_buffer_takes_its_chunks_over) {
+  netbuf a = from_text("abc");
+  netbuf b = test::of_views({"de", "f"});
+  a.append(std::move(b));
+  EXPECT_EQ(content(a), "abcdef");
+  EXPECT_EQ(b.size(), 0);
+  EXPECT_EQ(test::view_at(a, 2).get_chunk()->references(), 1);
+  b.append(std::string("again"));
+  EXPECT_EQ(content(b), "again");
+}
+
+TEST_F(netbuf_handle, appending_itself_as_a_dying_one_changes_nothing) {
+  netbuf a = from_text("abc");
+  netbuf& same = a;
+  a.append(std::move(same));
+  a.append(netbuf());
+  EXPECT_EQ(content(a), "abc");
+}
+
 TEST_F(netbuf_handle, appending_an_empty_buffer_changes_nothing) {
   netbuf a = from_text("abc");
   a.append(netbuf());

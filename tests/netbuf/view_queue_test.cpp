@@ -64,6 +64,20 @@ TEST_F(view_queues, let_every_reference_go_at_their_end) {
   EXPECT_EQ(shared_.get_chunk()->references(), 1);
 }
 
+TEST_F(view_queues, let_references_of_neighbours_go_with_their_chunk_only) {
+  view other(new netbuf_imp::nchunk(10), 0, 10);
+  view_queue queue;
+  queue.make_room(5, end::back);
+  for (int i = 0; i < 2; ++i) queue.push(numbered(i), end::back);
+  queue.push(view(other), end::back);
+  queue.push(numbered(2), end::back);
+  queue.push(view(new netbuf_imp::nchunk(10), 0, 10), end::back);
+  queue.clear();
+  EXPECT_TRUE(queue.empty());
+  EXPECT_EQ(other.get_chunk()->references(), 1);
+  EXPECT_EQ(shared_.get_chunk()->references(), 1);
+}
+
 TEST_F(view_queues, act_like_a_deque) {
   view_queue queue;
   std::deque<std::int32_t> model;

@@ -119,6 +119,14 @@ TEST(launch_data, containers_nest_depth_first) {
             words({2, 0, 2, 0, 0}) + inner.to_string() + inner.to_string());
 }
 
+TEST(launch_data, an_item_lies_in_one_piece) {
+  const netbuf yes = launch_data::add(6, 0, 1);
+  netbuf item = launch_data::add_dict({{"a", launch_data::add_vect({yes, yes}, 2)}, {"b", yes}});
+  std::int32_t length = 0;
+  netbuf_imp::installed_operations().pull_up(item.object(), 0, &length);
+  EXPECT_EQ(length, item.size());
+}
+
 TEST(launch_data, values_stay_as_they_were_built) {
   netbuf item = launch_data::add_string("abc");
   const netbuf array = launch_data::add_vect({item}, 2);
