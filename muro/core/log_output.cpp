@@ -124,17 +124,15 @@ void log_output::write_slice(const log_slice& slice) {
     slice.for_each([sink](const log_entry& entry) { write_to_sink(entry, sink); });
     return;
   }
+  const bool echo = log_to_stderr, stamped = log_stderr_timestamps;
   lines_.clear();
+  keeps_lines_ = echo && stamped;
   const std::string refusal = write_to_file(slice);
   tell_refusal(refusal);
   // A file that must not be written is no reason to lose a line, echo or not.
-  if (log_to_stderr || !refusal.empty()) echo(slice);
-}
-
-/// The file's lines serve the echo too, where they are there and what is wanted.
-void log_output::echo(const log_slice& slice) {
-  const bool stamped = log_stderr_timestamps;
-  if (!stamped || lines_.empty()) gather(lines_, slice, stamped ? &clock_ : nullptr);
+  if (!echo && refusal.empty()) return;
+  // The file's lines serve the echo too, where they are there and what is wanted.
+  if (!keeps_lines_ || lines_.empty()) gather(lines_, slice, stamped ? &clock_ : nullptr);
   write_bytes_to_stderr(lines_);
 }
 
@@ -148,8 +146,9 @@ std::string log_output::write_to_file(const log_slice& slice) {
   if (!file.refusal().empty()) return "log file " + name + " is not used: " + file.refusal();
   if (!file.is_open()) return "";
   const std::string& stamp = clock_.now();
-  lines_.reserve(slice.length());
+  if (keeps_lines_) lines_.reserve(slice.length());
   slice.for_each([&](const log_entry& entry) {
+    if (!keeps_lines_) lines_.clear();
     const std::size_t begin = lines_.size();
     append_stamped(lines_, entry, stamp);
     file.write(std::string_view(lines_).substr(begin),

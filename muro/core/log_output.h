@@ -45,13 +45,13 @@ class log_output {
  private:
   void write_slice(const log_slice& slice);
   std::string write_to_file(const log_slice& slice);
-  void echo(const log_slice& slice);
   void tell_refusal(const std::string& refusal);
 
   log_memory memory_;
   std::string told_refusal_;  // the one that standard error was told last
   log_text::clock clock_;
-  std::string lines_;  // of the slice at hand, as they stand in the file but not folded
+  std::string lines_;         // of the slice at hand, as they stand in the file but not folded
+  bool keeps_lines_ = false;  // all of them, for the echo; else the last one
 };
 
 /// Writes the entries to standard error, releases the raw lines and leaves the queue empty. Texts
