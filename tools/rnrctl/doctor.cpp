@@ -10,7 +10,6 @@
 #include "ipc/endpoint.h"
 #include "muro/core/fmt.h"
 #include "muro/sys/files.h"
-#include "muro/sys/xfile.h"
 #include "osx/os_version.h"
 #include "tools/rnrctl/launchd_view.h"
 
@@ -216,12 +215,8 @@ void look_at_helper(const survey_result& all, findings& out) {
 }
 
 std::string label_in(const std::string& path) {
-  std::string content;
-  muro::xfile file(path, muro::xfile::read_only, false);
-  while (file.read(content)) {
-  }
   job_facts job(job_kind::daemon);
-  read_job_text(content, job);
+  read_job_text(file_content(path), job);
   return job.label_inside;
 }
 

@@ -6,7 +6,6 @@
 #include "muro/core/fmt.h"
 #include "muro/sys/process.h"
 #include "muro/sys/strings.h"
-#include "muro/sys/xfile.h"
 #include "osx/os_version.h"
 
 namespace rnrctl {
@@ -78,14 +77,6 @@ void ask_for_loaded(const std::vector<user_session>& users, launchd_view& view) 
   take_list({kLaunchctl, "list"}, kSystem, view);
   for (const user_session& user : users)
     take_list(in_session_of(user, {kLaunchctl, "list"}), domain_of(user), view);
-}
-
-std::string file_content(const std::string& path) {
-  std::string content;
-  muro::xfile file(path, muro::xfile::read_only, false);
-  while (file.read(content)) {
-  }
-  return content;
 }
 
 void read_overrides(const std::vector<user_session>& users, launchd_view& view) {

@@ -8,7 +8,7 @@
 #include "front/session_folder.h"
 #include "muro/sys/files.h"
 #include "muro/sys/strings.h"
-#include "muro/sys/xfile.h"
+#include "tools/rnrctl/survey.h"
 
 namespace rnrctl {
 namespace {
@@ -63,16 +63,8 @@ std::string take_component(std::string_view& text) {
   return std::string(name);
 }
 
-std::string content_of(const std::string& path) {
-  std::string content;
-  muro::xfile file(path, muro::xfile::read_only, false);
-  while (file.read(content)) {
-  }
-  return content;
-}
-
 void add_lines(std::vector<log_entry>& entries, const std::string& path) {
-  const std::string content = content_of(path);
+  const std::string content = file_content(path);
   std::string_view rest = content;
   for (std::size_t end; (end = rest.find('\n')) != std::string_view::npos;) {
     add_line(entries, rest.substr(0, end), path);

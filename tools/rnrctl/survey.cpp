@@ -39,14 +39,6 @@ std::string job_path(job_kind kind, const std::string& label) {
                                   : osx::launchd_agent_path(label);
 }
 
-std::string file_content(const std::string& path) {
-  std::string content;
-  muro::xfile file(path, muro::xfile::read_only, false);
-  while (file.read(content)) {
-  }
-  return content;
-}
-
 std::string without_entities(std::string text) {
   replace_all(text, "&lt;", "<");
   replace_all(text, "&gt;", ">");
@@ -176,6 +168,14 @@ std::set<std::string> known_ids(const launchd_view& launchd) {
 }
 
 }  // namespace
+
+std::string file_content(const std::string& path) {
+  std::string content;
+  muro::xfile file(path, muro::xfile::read_only, false);
+  while (file.read(content)) {
+  }
+  return content;
+}
 
 bool file_facts::is_regular() const {
   return exists && S_ISREG(mode);

@@ -29,6 +29,9 @@ struct file_facts {
 };
 file_facts facts_of(const std::string& path);
 
+/// All of a file; empty where it cannot be read.
+std::string file_content(const std::string& path);
+
 enum class job_kind { daemon, agent };
 
 /// One launchd job: what its file says, and what launchd says.
