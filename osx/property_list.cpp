@@ -1,6 +1,6 @@
 #include "osx/property_list.h"
 
-#include "osx/xml_writer.h"
+#include "osx/xml_block.h"
 
 namespace muro {
 namespace {
@@ -18,6 +18,18 @@ constexpr char kTail[] =
     "</dict>\n"
     "</plist>";
 
+void put_key(xml_block& block, const std::string& key) {
+  block.put("<key>");
+  block.put_escaped(key);
+  block.put("</key>\n");
+}
+
+void put_string(xml_block& block, const std::string& value) {
+  block.put("<string>");
+  block.put_escaped(value);
+  block.put("</string>");
+}
+
 std::vector<std::string> strings_until_null(const char** values) {
   std::vector<std::string> strings;
   for (; *values != nullptr; ++values) strings.emplace_back(*values);
@@ -27,36 +39,41 @@ std::vector<std::string> strings_until_null(const char** values) {
 }  // namespace
 
 plist_elem::plist_elem(const std::string& key, const std::string& value) {
-  add_key(key);
-  add_text("string", value);
+  xml_block block(text_);
+  put_key(block, key);
+  put_string(block, value);
+  block.finish();
 }
 
 plist_elem::plist_elem(const std::string& key, const char* value)
     : plist_elem(key, std::string(value != nullptr ? value : "")) {}
 
 plist_elem::plist_elem(const std::string& key, bool value) {
-  add_key(key);
-  text_ += value ? "<true/>" : "<false/>";
+  xml_block block(text_);
+  put_key(block, key);
+  if (value) {
+    block.put("<true/>");
+  } else {
+    block.put("<false/>");
+  }
+  block.finish();
 }
 
 plist_elem::plist_elem(const std::string& key, const std::vector<std::string>& values) {
-  add_key(key);
-  text_ += "<array>\n";
+  xml_block block(text_);
+  put_key(block, key);
+  block.put("<array>\n");
   for (const std::string& value : values) {
-    text_ += '\t';
-    add_text("string", value);
-    text_ += '\n';
+    block.put("\t");
+    put_string(block, value);
+    block.put("\n");
   }
-  text_ += "</array>";
+  block.put("</array>");
+  block.finish();
 }
 
 plist_elem::plist_elem(const std::string& key, const char** values)
     : plist_elem(key, strings_until_null(values)) {}
-
-void plist_elem::add_key(const std::string& key) {
-  add_text("key", key);
-  text_ += '\n';
-}
 
 void plist_elem::add_text(const std::string& name, const std::string& text) {
   xml_write_string writer(&text_);
@@ -67,7 +84,11 @@ void plist_elem::add_text(const std::string& name, const std::string& text) {
 }
 
 std::string get_plist(const std::vector<plist_elem>& elements) {
-  std::string document = kHead;
+  std::size_t size = sizeof kHead - 1 + sizeof kTail - 1;
+  for (const plist_elem& element : elements) size += element.text().size() + 1;
+  std::string document;
+  document.reserve(size);
+  document += kHead;
   for (const plist_elem& element : elements) {
     document += element.text();
     document += '\n';

@@ -48,8 +48,6 @@ class plist_elem {
   const std::string& text() const { return text_; }
 
  private:
-  void add_key(const std::string& key);
-
   std::string text_;
 };
 

@@ -100,6 +100,16 @@ TEST(property_list, keys_strings_and_items_are_escaped_as_text) {
             "<key>k</key>\n<array>\n\t<string>&lt;</string>\n</array>");
 }
 
+TEST(property_list, a_long_array_is_written_whole) {
+  strings items;
+  std::string wanted = "<key>k</key>\n<array>\n";
+  for (std::size_t length = 0; length < 200; ++length) {
+    items.emplace_back(length, 'x');
+    wanted += "\t<string>" + items.back() + "</string>\n";
+  }
+  EXPECT_EQ(plist_elem("k", items).text(), wanted + "</array>");
+}
+
 TEST(property_list, controls_and_broken_bytes_are_dropped_from_values) {
   EXPECT_EQ(plist_elem("k",
                        "a\x01"

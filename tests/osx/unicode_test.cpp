@@ -283,6 +283,20 @@ TEST(unicode, random_inputs_are_read_as_the_oracle_reads_them) {
   }
 }
 
+TEST(unicode, a_break_anywhere_in_a_long_run_is_read_as_the_oracle_reads_it) {
+  comparison with_oracle;
+  for (const std::string unit : {"x", "\xC3\xA9", "\xE5\xA4\xA9", "\xF0\x9F\x98\x80"}) {
+    std::string run;
+    while (run.size() < 48) run += unit;
+    for (std::size_t at = 0; at <= run.size(); ++at) {
+      for (const std::string broken : {"", "z", "\xFF", "\x80", "\xED\xA0\x80", "\xF4\x90"}) {
+        ASSERT_TRUE(with_oracle.agree(run.substr(0, at) + broken + run.substr(at)));
+        ASSERT_TRUE(with_oracle.agree(run.substr(0, at) + broken));
+      }
+    }
+  }
+}
+
 TEST(unicode, every_scalar_value_is_written_as_the_oracle_writes_it) {
   const code_points all = every_scalar_value();
   std::string expected;
@@ -292,6 +306,20 @@ TEST(unicode, every_scalar_value_is_written_as_the_oracle_writes_it) {
   }
   EXPECT_TRUE(encode(all) == expected);
   EXPECT_TRUE(decode(expected) == all);
+}
+
+TEST(unicode, a_value_of_another_length_in_a_long_run_is_written_as_it_is_alone) {
+  for (const char32_t unit : U"x\u00E9\u5929\U0001F600") {
+    for (std::size_t at = 0; at < 40; ++at) {
+      for (const char32_t other :
+           {0x7Au, 0xE9u, 0x5929u, 0x1F600u, 0xD800u, 0x110000u, 0xFFFFFFFFu}) {
+        code_points text(40, unit);
+        text[at] = other;
+        const std::string before = encode(text.substr(0, at)), after = encode(text.substr(at + 1));
+        ASSERT_EQ(encode(text), before + encode(code_points(1, other)) + after);
+      }
+    }
+  }
 }
 
 TEST(unicode, what_has_no_utf8_form_is_written_as_the_replacement_character) {

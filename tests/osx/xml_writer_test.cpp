@@ -72,6 +72,29 @@ TEST(xml_escape, both_modes_append_and_do_not_replace) {
   EXPECT_EQ(out, "<&lt;&quot;");
 }
 
+TEST(xml_escape, a_character_in_a_long_run_is_written_as_it_is_alone) {
+  for (const std::string& run : {std::string(40, 'x'), std::string(40, '&')}) {
+    for (unsigned value = 0; value < 0x100; ++value) {
+      for (const std::string& c : {utf8_of(value), std::string(1, static_cast<char>(value))}) {
+        for (std::size_t at = 0; at < run.size(); ++at) {
+          const std::string first = run.substr(0, at), last = run.substr(at);
+          ASSERT_EQ(text_of(first + c + last), text_of(first) + text_of(c) + text_of(last));
+          ASSERT_EQ(attribute_of(first + c + last),
+                    attribute_of(first) + attribute_of(c) + attribute_of(last));
+        }
+      }
+    }
+  }
+}
+
+TEST(xml_escape, text_longer_than_a_block_is_written_whole) {
+  for (std::size_t before = 880; before < 1060; ++before) {
+    const std::string entities(40, '&'), plain(before, 'x');
+    ASSERT_EQ(text_of(plain + "\xE5\xA4\xA9<" + plain), plain + "\xE5\xA4\xA9&lt;" + plain);
+    ASSERT_EQ(attribute_of(plain + entities).size(), before + 5 * entities.size());
+  }
+}
+
 TEST(xml_escape, nothing_appends_nothing) {
   std::string out = "x";
   muro::escape_xml_text(out, nullptr, 0);
