@@ -4,24 +4,27 @@
 
 namespace osx {
 
+// The elements are made where they stay: an initialiser list would have each of them copied.
 std::string launchd_agent_text(const std::string& label, const std::vector<std::string>& args) {
-  return muro::get_plist({
-      muro::plist_elem("Label", label),
-      muro::plist_elem("LimitLoadToSessionType", std::vector<std::string>{"Aqua", "LoginWindow"}),
-      muro::plist_elem("ProgramArguments", args),
-      muro::plist_elem("KeepAlive", true),
-      muro::plist_elem("RunAtLoad", true),
-  });
+  std::vector<muro::plist_elem> elements;
+  elements.reserve(5);
+  elements.emplace_back("Label", label);
+  elements.emplace_back("LimitLoadToSessionType", std::vector<std::string>{"Aqua", "LoginWindow"});
+  elements.emplace_back("ProgramArguments", args);
+  elements.emplace_back("KeepAlive", true);
+  elements.emplace_back("RunAtLoad", true);
+  return muro::get_plist(elements);
 }
 
 // Deliberate: a daemon is kept running by the older "OnDemand" false and has no "KeepAlive".
 std::string launchd_daemon_text(const std::string& label, const std::vector<std::string>& args) {
-  return muro::get_plist({
-      muro::plist_elem("Label", label),
-      muro::plist_elem("ProgramArguments", args),
-      muro::plist_elem("RunAtLoad", true),
-      muro::plist_elem("OnDemand", false),
-  });
+  std::vector<muro::plist_elem> elements;
+  elements.reserve(4);
+  elements.emplace_back("Label", label);
+  elements.emplace_back("ProgramArguments", args);
+  elements.emplace_back("RunAtLoad", true);
+  elements.emplace_back("OnDemand", false);
+  return muro::get_plist(elements);
 }
 
 }  // namespace osx
