@@ -7,6 +7,7 @@
 
 #include "bench/support.h"
 #include "bench/xml_peers.h"
+#include "osx/job_text.h"
 #include "osx/property_list.h"
 #include "osx/xml_writer.h"
 
@@ -64,6 +65,14 @@ std::string canonical(const std::string& text) {
   return result;
 }
 
+/// The product's own function for the agent's file, from what it is given.
+struct ours_job {
+  static std::string text(const plist& entries) {
+    return osx::launchd_agent_text(std::get<std::string>(entries[0].second),
+                                   std::get<std::vector<std::string>>(entries[2].second));
+  }
+};
+
 template <class Contender>
 void add_plist(const char* row, const char* name, const plist& entries) {
   bench::add(row, name, [entries](benchmark::State& state) {
@@ -107,7 +116,8 @@ void add_escapes(const char* name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  add_plists<ours>("ours");
+  add_plist<ours_job>("xml/job_file", "ours", agent_job());
+  add_plist<ours>("xml/array", "ours", long_array());
   add_escapes<ours>("ours");
   add_plists<bench::string_stream>("string stream");
 #ifdef KORVEL_BENCH_PUGIXML
