@@ -169,6 +169,22 @@ TEST_F(commands, a_name_without_an_id_is_wrong_use) {
   EXPECT_THAT(err.str(), HasSubstr("rnrctl: /tmp/abc.txt names no session"));
 }
 
+TEST_F(commands, an_id_that_no_job_file_can_hold_is_wrong_use) {
+  for (const std::string& file : {std::string("/tmp/a\x01"
+                                              "b.dat"),
+                                  std::string("/tmp/a\nb.dat"), std::string("/tmp/a\xff.dat"),
+                                  "/tmp/" + std::string(230, 'a') + ".dat"}) {
+    EXPECT_EQ(call({"register", file}), exit_status::wrong_use) << file;
+    EXPECT_EQ(call({"resign", file}), exit_status::wrong_use) << file;
+  }
+  EXPECT_THAT(err.str(),
+              HasSubstr("rnrctl: /tmp/a\\x01b.dat names a session by bytes that no job"));
+  EXPECT_EQ(call({"resign",
+                  "/tmp/Gr\xc3\xbc\xc3\x9f"
+                  "e & <x>.dat"}),
+            exit_status::no_endpoint);
+}
+
 TEST_F(commands, a_missing_endpoint_is_told_in_one_line) {
   EXPECT_EQ(call({"ping"}), exit_status::no_endpoint);
   EXPECT_EQ(err.str(),

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <memory>
 
 #include "front/installation.h"
@@ -14,8 +15,12 @@
 #include "muro/sys/files.h"
 #include "muro/sys/strings.h"
 #include "muro/sys/unique_fd.h"
+#include "osx/job_files.h"
+#include "osx/job_text.h"
 #include "platform/clock.h"
 #include "tools/rnrctl/commands.h"
+#include "tools/rnrctl/log_reader.h"
+#include "tools/rnrctl/survey.h"
 
 namespace rnrctl {
 namespace {
@@ -32,11 +37,29 @@ void check(const invocation& asked) {
     fail_usage("--endpoint must be a name, not empty and without a slash");
 }
 
-// The helper would answer a file without an ID like any other and leave all as it is.
+// Whether a job file can hold the path: XML has no place for some bytes, and the helper drops them,
+// so that the client would be told another path.
+bool survives_in_job_file(const std::string& path) {
+  job_facts job(job_kind::agent);
+  read_job_text(osx::launchd_agent_text("label", {path}), job);
+  return job.command == std::vector<std::string>{path};
+}
+
+// The helper would answer these like any other and leave all as it is, or register a session that
+// cannot come back.
 void require_session_name(const std::string& path) {
-  if (namesSession(restoreIDFromFile(path))) return;
-  throw failure(exit_status::wrong_use,
-                path + " names no session: its base name must be an ID and \".dat\"");
+  const nil_string id = restoreIDFromFile(path);
+  if (!namesSession(id))
+    throw failure(exit_status::wrong_use,
+                  path + " names no session: its base name must be an ID and \".dat\"");
+  if (!survives_in_job_file(sessionFolder(*id)) || printable(*id) != *id)
+    throw failure(exit_status::wrong_use, printable(path) +
+                                              " names a session by bytes that no job "
+                                              "file can hold");
+  const std::string job = muro::basename(osx::launchd_agent_path(kVeskRNRAgentName + ("." + *id)));
+  if (job.size() > NAME_MAX)
+    throw failure(exit_status::wrong_use,
+                  path + " names a session by an ID that is too long for a file name");
 }
 
 [[noreturn]] void fail_unreadable(const std::string& path, int error) {
