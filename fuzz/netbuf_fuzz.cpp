@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "fuzz/target.h"
 #include "netbuf/buffer.h"

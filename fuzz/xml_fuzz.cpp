@@ -13,8 +13,6 @@
 
 #include "fuzz/model_xml.h"
 
-#include <memory>
-
 #include "fuzz/target.h"
 #include "osx/property_list.h"
 #include "osx/unicode.h"
@@ -60,13 +58,15 @@ void check_to_utf8(const std::vector<unsigned>& code_points) {
   fuzz::require_equal(got, wanted, "code points become their UTF-8");
 }
 
-/// About a block of one character, of one to four bytes, or nothing.
+/// Nothing, some of one character of one to four bytes, or about a block of it.
 std::string filler(unsigned char choice) {
   static constexpr const char* kCharacters[] = {"a", "\xC3\xA9", "\xE2\x82\xAC",
                                                 "\xF0\x9D\x84\x9E"};
   std::string out;
-  if (choice < 192) return out;
-  for (unsigned count = 248 + choice / 4 % 16; count > 0; --count) out += kCharacters[choice % 4];
+  if (choice < 128) return out;
+  const unsigned step = choice / 4 % 16;
+  for (unsigned count = choice < 192 ? 5 * step : 248 + step; count > 0; --count)
+    out += kCharacters[choice % 4];
   return out;
 }
 
