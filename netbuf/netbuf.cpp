@@ -148,7 +148,7 @@ void netbuf::append(netbuf&& other) {
 
 void netbuf::append(const std::string& s) {
   char* added = allocate_back(netbuf_imp::checked_length(s.size()));
-  if (added != nullptr) std::memcpy(added, s.data(), s.size());
+  if (added != nullptr) s.copy(added, s.size());
 }
 
 char* netbuf::allocate_back(std::int32_t n) {

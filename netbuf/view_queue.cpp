@@ -18,6 +18,7 @@ void view_queue::rearrange(std::size_t more, end where) {
 
   // A view refers to nothing of itself, so it moves as bytes.
   view* const first = memory + (capacity - wanted) / 2 + (where == end::front ? more : 0);
+  // NOLINTNEXTLINE(bugprone-undefined-memory-manipulation)
   std::memmove(static_cast<void*>(first), first_, count * sizeof(view));
   if (memory != memory_ && memory_ != own_room()) general_free(memory_);
   memory_ = memory;

@@ -43,7 +43,7 @@ std::size_t string_size(const std::string& text) {
 
 char* put_string(char* to, const std::string& text) {
   to = put_head(to, launch_data::kString, 0, text.size());
-  std::memcpy(to, text.data(), text.size());
+  text.copy(to, text.size());
   return put_zeros(to + text.size(), zeros_after(text));
 }
 

@@ -68,6 +68,13 @@ void run_main_loop();
 /// the path of the start, Linux the new one; after it was removed both give the last path.
 nil_string executable_path();
 
+/// Whether the entry through which `descriptor` was opened is still there; after it was removed, or
+/// another put in its place, false. `name` is its last component. A file may have got and lost other
+/// names meanwhile. Linux: the link in /proc/self/fd tells of the very entry. macOS: F_GETPATH of
+/// fcntl(2) gives a name that the file has now, which has to be `name`. True where the system cannot
+/// tell. Keeps nothing, allocates nothing; errno is anything afterwards.
+bool is_still_named(int descriptor, const char* name) noexcept;
+
 /// The calling security session: `SessionGetInfo(callerSecuritySession)` on macOS. On Linux the id
 /// is `XDG_SESSION_ID` (0 when unset or no number) and bit 0x10 is set when `XDG_SESSION_TYPE` is
 /// "x11" or "wayland". Both are 0 when the system cannot tell.

@@ -7,6 +7,7 @@
 
 #include "muro/sys/files_internal.h"
 #include "muro/sys/unique_fd.h"
+#include "platform/platform.h"
 
 namespace muro {
 
@@ -44,6 +45,13 @@ const char* reason_at(const std::string& path) {
   return there ? reason_against(status, ::geteuid()) : "";
 }
 
+/// Waits for a removal that is under way in the folder: between its two steps the file has a name
+/// less already, and the entry is still there. Every change of a folder waits for the one before,
+/// this one too, which changes nothing: what ends in a slash is no file (unlink(2), ENOTDIR).
+void await_folder(const std::string& path) {
+  static_cast<void>(!::unlink((path + "/").c_str()));
+}
+
 FILE* stream_on(unique_fd descriptor, log_access access) {
   FILE* const stream = ::fdopen(descriptor.get(), access == log_access::read ? "rb" : "r+b");
   if (stream == nullptr) return nullptr;
@@ -73,10 +81,12 @@ FILE* open_log(const std::string& path, log_access access, std::string& refusal)
     const uid_t user = ::geteuid();
     refusal = reason_against(opened, user);
     if (!refusal.empty()) return nullptr;
-    // One answer for name and count: a second name that is taken away between open and fstat would
-    // leave a file with one name, but not this one.
+    // The name may have been given to another user's file for the moment of the opening.
     if (::lstat(detail::os_path(path), &named) != 0) continue;
     if (!(identity(named) == identity(opened))) continue;
+    // Only an entry that is there still was there when the file had one name, and so was that name.
+    await_folder(path);
+    if (!platform::is_still_named(descriptor.get(), path.c_str() + path.rfind('/') + 1)) continue;
     refusal = reason_against(named, user);
     return refusal.empty() ? stream_on(std::move(descriptor), access) : nullptr;
   }

@@ -30,9 +30,7 @@ void log_queue::push(std::initializer_list<std::string_view> parts) {
   for (const std::string_view part : parts) size += part.size();
   char* out = add(size, size, false);
   for (const std::string_view part : parts) {
-    // An empty view may have no address.
-    if (!part.empty()) std::memcpy(out, part.data(), part.size());
-    out += part.size();
+    out += part.copy(out, part.size());
   }
 }
 

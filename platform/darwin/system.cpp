@@ -3,8 +3,12 @@
 #include <CoreFoundation/CoreFoundation.h>
 #include <CoreServices/CoreServices.h>
 #include <Security/AuthSession.h>
+#include <fcntl.h>
 #include <mach-o/dyld.h>
 #include <pthread.h>
+#include <sys/param.h>
+
+#include <cstring>
 
 #include "platform/platform.h"
 
@@ -55,6 +59,17 @@ nil_string version_in(CFPropertyListRef list) {
 
 void run_main_loop() {
   CFRunLoopRun();
+}
+
+bool is_still_named([[maybe_unused]] int descriptor, [[maybe_unused]] const char* name) noexcept {
+#ifdef F_GETPATH
+  char path[MAXPATHLEN];
+  if (::fcntl(descriptor, F_GETPATH, path) != 0) return false;  // ENOENT: it has no name
+  const char* const last = std::strrchr(path, '/');
+  return last != nullptr && std::strcmp(last + 1, name) == 0;
+#else
+  return true;
+#endif
 }
 
 nil_string executable_path() {

@@ -1,10 +1,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <string_view>
 
 #include "platform/linux/property_list_xml.h"
 #include "platform/platform.h"
@@ -61,6 +64,17 @@ autorelease_pool::~autorelease_pool() = default;
 void run_main_loop() {
   // Unbounded on purpose. `pause` returns after a signal's handler has run: wait on.
   for (;;) ::pause();
+}
+
+bool is_still_named(int descriptor, const char*) noexcept {
+  char link[64];
+  char target[PATH_MAX + sizeof " (deleted)"];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+  const ssize_t length = ::readlink(link, target, sizeof target);
+  if (length < 0 || length == static_cast<ssize_t>(sizeof target)) return true;
+  const std::string_view shown(target, static_cast<std::size_t>(length));
+  return shown.size() < std::strlen(kRemovedMark) ||
+         shown.substr(shown.size() - std::strlen(kRemovedMark)) != kRemovedMark;
 }
 
 nil_string executable_path() {

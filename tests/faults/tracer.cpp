@@ -25,9 +25,9 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-constexpr int kRest_ms = 3;         // without any event: the process has come to rest
+constexpr int kRest_ms = 3;        // without any event: the process has come to rest
 constexpr int kRestless_ms = 300;  // and when it does not within this time
-constexpr int kOrphans_ms = 3000;   // for programs that the process has started and not waited for
+constexpr int kOrphans_ms = 3000;  // for programs that the process has started and not waited for
 
 // Where the kernel keeps the registers that carry a call's arguments.
 constexpr std::size_t kArgument[] = {offsetof(user, regs.rdi), offsetof(user, regs.rsi),

@@ -109,7 +109,7 @@ void verify(verification check, const std::string& file) {
 
 std::string session_file(const std::string& given) {
   if (given.empty()) fail_usage("FILE is empty");
-  const std::string path = absolute_path(given);
+  std::string path = absolute_path(given);
   require_session_name(path);
   return path;
 }

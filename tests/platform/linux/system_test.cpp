@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -48,6 +50,20 @@ TEST(older_version_selector, has_no_answer_at_all) {
   for (const std::uint32_t selector : {0x73797331U, 0x73797332U, 0x73797333U})
     EXPECT_FALSE(platform::older_version_selector(selector, value));
   EXPECT_EQ(value, 7);
+}
+
+TEST(is_still_named, until_the_entry_it_was_opened_by_goes) {
+  const test::temp_dir folder;
+  test::write_file(folder / "a", "");
+  ASSERT_EQ(::link((folder / "a").c_str(), (folder / "b").c_str()), 0);
+  const int file = ::open((folder / "b").c_str(), O_RDONLY | O_CLOEXEC);
+  EXPECT_TRUE(platform::is_still_named(file, "b"));
+  ASSERT_EQ(::unlink((folder / "b").c_str()), 0);
+  EXPECT_FALSE(platform::is_still_named(file, "b"));
+  ASSERT_EQ(::link((folder / "a").c_str(), (folder / "b").c_str()), 0);
+  EXPECT_FALSE(platform::is_still_named(file, "b"));
+  ::close(file);
+  EXPECT_TRUE(platform::is_still_named(file, "b"));  // nobody can tell
 }
 
 }  // namespace
