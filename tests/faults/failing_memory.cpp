@@ -67,6 +67,15 @@ void expect_survival(const trial& what) {
   }
 }
 
+no_memory::no_memory() {
+  t_kind = shortage::lasting;
+  t_left = 0;
+}
+
+no_memory::~no_memory() {
+  t_left = -1;
+}
+
 others_short_of_memory::others_short_of_memory(int nth) {
   t_spared = true;
   g_seen = 0;

@@ -25,6 +25,15 @@ int fail_each_allocation(shortage kind, const trial& what);
 /// The same for both kinds; expects that something failed at all.
 void expect_survival(const trial& what);
 
+/// While it lives, every allocation of this thread fails.
+class no_memory {
+ public:
+  no_memory();
+  ~no_memory();
+  no_memory(const no_memory&) = delete;
+  no_memory& operator=(const no_memory&) = delete;
+};
+
 /// While it lives, allocations of every other thread fail, every `nth` of them.
 class others_short_of_memory {
  public:

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <new>
 #include <string>
-#include <vector>
+#include <utility>
 
+#include "tests/faults/failing_memory.h"
 #include "tests/netbuf/support.h"
 
 using netbuf_imp::end;
@@ -16,31 +16,11 @@ using test::from_text;
 
 namespace {
 
-// The allocations of this thread that still succeed; negative: all do.
-thread_local int g_allocations_left = -1;
-
-void* allocate(std::size_t bytes) {
-  if (g_allocations_left == 0) throw std::bad_alloc();
-  if (g_allocations_left > 0) --g_allocations_left;
-  if (void* memory = std::malloc(bytes == 0 ? 1 : bytes)) return memory;
-  throw std::bad_alloc();
-}
-
 /// Runs `change` with its first, second, ... allocation failing until it needs no more. After
 /// every failure `intact` must hold. Returns the number of failures.
-template <class Change, class Check>
-int fail_each_allocation(Change change, Check intact) {
-  for (int allowed = 0;; ++allowed) {
-    g_allocations_left = allowed;
-    try {
-      change();
-      g_allocations_left = -1;
-      return allowed;
-    } catch (const std::bad_alloc&) {
-      g_allocations_left = -1;
-      intact();
-    }
-  }
+int fail_each_allocation(std::function<void()> change, std::function<void()> intact) {
+  return test::fail_each_allocation(test::shortage::lasting,
+                                    {{}, std::move(change), std::move(intact)});
 }
 
 /// Five views, as many as the buffer has no room for in itself, the last of them shared.
@@ -77,25 +57,6 @@ class exhausted_memory : public test::with_builtin {
 constexpr std::int32_t uncached = 100000;
 
 }  // namespace
-
-void* operator new(std::size_t bytes) {
-  return allocate(bytes);
-}
-void* operator new[](std::size_t bytes) {
-  return allocate(bytes);
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 TEST_F(exhausted_memory, at_growth_leaves_the_buffer) {
   expect_intact([](netbuf& a, const netbuf&) { a.allocate_back(uncached); });
@@ -137,12 +98,11 @@ TEST_F(exhausted_memory, at_append_of_a_dying_buffer_leaves_both) {
 }
 
 TEST_F(exhausted_memory, is_no_matter_for_an_empty_buffer) {
-  g_allocations_left = 0;
+  const test::no_memory none;
   netbuf a;
   const netbuf b = a;
   a.append(b);
   EXPECT_EQ(a.size() + static_cast<std::int32_t>(b.to_string().size()), 0);
-  g_allocations_left = -1;
 }
 
 TEST_F(exhausted_memory, at_assignment_leaves_the_old_content) {
@@ -188,11 +148,17 @@ TEST_F(exhausted_memory, leaves_supplied_memory_with_the_caller) {
 }
 
 TEST_F(exhausted_memory, makes_the_trying_block_entry_give_null) {
-  g_allocations_left = 0;
-  void* block = netbuf_impl.block_try_allocate(10);
-  g_allocations_left = -1;
+  void* block = nullptr;
+  bool threw = false;
+  {
+    const test::no_memory none;
+    block = netbuf_impl.block_try_allocate(10);
+    try {
+      netbuf_impl.block_allocate(10);
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+  }
   EXPECT_EQ(block, nullptr);
-  g_allocations_left = 0;
-  EXPECT_THROW(netbuf_impl.block_allocate(10), std::bad_alloc);
-  g_allocations_left = -1;
+  EXPECT_TRUE(threw);
 }
