@@ -50,6 +50,31 @@ TEST(help, goes_to_the_output_with_every_status) {
   EXPECT_EQ(err.str(), "");
 }
 
+TEST(help, of_a_command_tells_its_own_statuses_alone) {
+  const auto help_of = [](const char* command) {
+    std::ostringstream out, err;
+    EXPECT_EQ(rnrctl::rnrctl_main({command, "--help"}, out, err), exit_status::done);
+    return out.str();
+  };
+  EXPECT_THAT(help_of("register"), HasSubstr("restore file: its base name"));
+  EXPECT_THAT(help_of("register"), HasSubstr("\n  7  "));
+  EXPECT_THAT(help_of("ping"), HasSubstr("\n  5  time-out\n"));
+  EXPECT_THAT(help_of("wait"), HasSubstr("5 not within --timeout"));
+  EXPECT_THAT(help_of("doctor"), HasSubstr("12 errors"));
+  for (const char* command : {"status", "sessions", "plan", "log", "explain", "bundle"})
+    EXPECT_THAT(help_of(command), HasSubstr("\nExit status: 0 done, 1 any failure, 2 wrong use.\n"))
+        << command;
+}
+
+TEST(wrong_command, is_named) {
+  std::ostringstream out, err;
+  EXPECT_EQ(rnrctl::rnrctl_main({"dance"}, out, err), exit_status::wrong_use);
+  EXPECT_EQ(rnrctl::rnrctl_main({"sessions", "dance"}, out, err), exit_status::wrong_use);
+  EXPECT_EQ(err.str(),
+            "rnrctl: no such command: dance (see rnrctl --help)\n"
+            "rnrctl: no such command: dance (see rnrctl --help)\n");
+}
+
 TEST(version, is_one_line) {
   std::ostringstream out, err;
   EXPECT_EQ(rnrctl::rnrctl_main({"--version"}, out, err), exit_status::done);

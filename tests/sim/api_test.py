@@ -11,6 +11,7 @@ import time
 import unittest
 
 import root_case
+import korvel
 from macroot_api import MacFailure, MacRoot, NoRoot, Timeout
 from root_case import CLIENT, LAUNCHER, MacCase
 
@@ -234,6 +235,11 @@ class TheCommand(unittest.TestCase):
         self.assertIn("console root", shell.stdout.read())
         shell.stdout.close()
         self.assertEqual(shell.wait(), 0)
+
+    def test_shell_has_the_product_that_is_built(self):
+        done = self.macroot("shell", input=f"{korvel.HELPER} -runInstall 1\n"
+                                           "until rnrctl ping; do sleep 0.1; done; exit\n")
+        self.assertRegex(done.stdout, r"(?m)^korvel_helper answered in \d+ ms")
 
     def test_other_terminal_drives_a_mac(self):
         with MacRoot(launcher=LAUNCHER) as mac:

@@ -81,7 +81,8 @@ void add_doctor(CLI::App& app, invocation& asked) {
   command->add_flag("--security", options->security, "also what others than root may change");
   command->add_flag("--json", options->as_json, "the findings as a JSON array");
   command->footer(
-      "Exit status: 0 nothing found; 10 notes, 11 warnings, 12 errors; 1 and 2 as always.");
+      "Exit status: 0 nothing found; 10 notes, 11 warnings, 12 errors; 1 any failure, 2 wrong "
+      "use.");
   command->callback([&asked, options] {
     asked.chosen = [options](std::ostream& out, std::ostream& err) {
       return doctor(*options, out, err);

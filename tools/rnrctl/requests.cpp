@@ -25,6 +25,19 @@
 namespace rnrctl {
 namespace {
 
+constexpr const char* kAboutFile =
+    R"(FILE is the session's restore file: its base name is the session's ID and ".dat". Its absolute
+path is sent to the helper. The helper's answer tells nothing but its arrival, so this looks
+whether it was done; why not stands in the helper's log (rnrctl log).)";
+
+constexpr const char* kStatuses = R"(Exit status:
+  0  done
+  1  any other failure
+  2  wrong use
+  3  no helper serves the endpoint
+  4  refused: the helper closed the connection without an answer
+  5  time-out)";
+
 constexpr double kLongest_s = 86400;
 
 // A command that the helper does not know: it answers and changes nothing.
@@ -152,6 +165,9 @@ void add_file_request(CLI::App& app, invocation& asked, file_request run, const 
   command->add_option("FILE", options->file, "the session's restore file")->required();
   command->add_flag("--no-verify", options->unverified,
                     "do not look whether the helper has done it");
+  command->footer(kAboutFile + std::string("\n\n") + kStatuses +
+                  "\n  6  FILE cannot be read (register)"
+                  "\n  7  the helper answered, and did not do it");
   command->callback([&asked, run, options] {
     asked.chosen = [&asked, run, options](std::ostream& out, std::ostream&) {
       return run(asked, *options, out);
@@ -179,7 +195,9 @@ void add_requests(CLI::App& app, invocation& asked) {
   add_file_request(app, asked, register_session, "register",
                    "have the session of FILE resumed after a restart; the helper takes FILE away");
   add_file_request(app, asked, resign_session, "resign", "withdraw the session of FILE");
-  app.add_subcommand("ping", "see whether the helper answers")->callback([&asked] {
+  CLI::App* const command = app.add_subcommand("ping", "see whether the helper answers");
+  command->footer(kStatuses);
+  command->callback([&asked] {
     asked.chosen = [&asked](std::ostream& out, std::ostream&) { return ping(asked, out); };
   });
 }

@@ -66,6 +66,7 @@ void add_wait(CLI::App& app, invocation& asked) {
       ->type_name("ID");
   command->add_option("--gone", options->gone, "until nothing of this session is left")
       ->type_name("ID");
+  command->footer("Exit status: 0 it is so; 5 not within --timeout; 1 any failure, 2 wrong use.");
   command->callback([&asked, options] {
     asked.chosen = [&asked, options](std::ostream& out, std::ostream&) {
       return wait(*options, asked.timeout_s, out);
