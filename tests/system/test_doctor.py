@@ -142,16 +142,23 @@ class Doctor(DoctorCase):
         self.assertRegex(done.text, r"(?m)^error: job-file-mode \(session abc\)\n  seen:  .+\n"
                                     r"  means: .+\n  do:    chmod 0644 .+$")
 
-    def test_every_name_has_a_test(self):
-        names = re.search(r"finding_names\(\) \{.*?\{(.*?)\}", (TOOL / "doctor.cpp").read_text(
-            encoding="utf-8"), re.S).group(1)
-        names = set(re.findall(r'"([a-z-]+)"', names))
-        used = set(re.findall(r'push_back\(\s*\{"([a-z-]+)"',
-                              (TOOL / "doctor.cpp").read_text(encoding="utf-8")))
+    def test_session_unknown(self):
+        found = self.findings("xyz")["session-unknown"]
+        self.assertEqual((found["id"], found["severity"]), ("xyz", "error"))
+        self.assertEqual(found["advice"], ["rnrctl log --id xyz", "rnrctl register FILE"])
+        self.restore_file("xyz")
+        self.mac.rnrctl("register", "/Users/alice/xyz.dat")
+        self.assertEqual(self.findings("xyz"), {})
+
+    def test_every_name_has_a_test_and_stands_in_the_manual(self):
+        names = set(re.findall(r'push_back\(\s*\{"([a-z-]+)"',
+                               (TOOL / "doctor.cpp").read_text(encoding="utf-8")))
         tests = {name[5:].replace("_", "-") for case in (Doctor, DoctorOfLaunchd)
                  for name in dir(case) if name.startswith("test_")}
-        self.assertEqual(names, used)
         self.assertEqual(names - tests, set())
+        manual = (SOURCE / "docs/man/rnrctl.8").read_text(encoding="utf-8")
+        findings = manual.partition(".Sh FINDINGS")[2].partition(".Sh ")[0]
+        self.assertEqual(re.findall(r"(?m)^\.It Cm (.+)$", findings), sorted(names))
 
 
 class DoctorOfLaunchd(DoctorCase):
@@ -165,6 +172,29 @@ class DoctorOfLaunchd(DoctorCase):
 
     def test_a_mac_that_works_has_no_finding(self):
         self.assertEqual(self.findings(), {})
+
+    def test_helper_missing(self):
+        def remove():
+            self.unload()()
+            self.mac.sh(f"rm {SHARED} {korvel.endpoint_path()}")
+        found = self.check("helper-missing", remove)
+        self.assertEqual((found["severity"], found["id"]), ("note", ""))
+        self.wait_for_endpoint()
+
+    def test_agent_not_loaded(self):
+        self.mac.login("alice")
+        self.restore_file()
+        self.mac.rnrctl("register", "/Users/alice/abc.dat", user="alice", session="alice")
+        label = "com.norvane.korvel.restart.abc"
+        self.mac.wait_until(lambda: self.mac.loaded(label))
+
+        def unload():
+            self.mac.sh(f"launchctl unload {AGENT}", user="alice", session="alice")
+            self.mac.wait_until(lambda: not self.mac.loaded(label))
+        found = self.check("agent-not-loaded", unload)
+        self.assertIn("alice", found["seen"])
+        self.assertEqual(found["id"], "abc")
+        self.assertTrue(self.mac.loaded(label))
 
     def unload(self, *flags):
         def act():

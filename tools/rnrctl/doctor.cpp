@@ -111,20 +111,44 @@ void look_for_override(const job_facts& job, const std::string& id, findings& ou
   }
 }
 
+std::string domain_of(const user_session& user) {
+  return muro::stringify("gui/", user.uid.value_or(0));
+}
+
 commands removal_of(const job_facts& job, const std::string& domain,
                     const std::vector<user_session>& users) {
   if (domain == "system") return {"launchctl remove " + quoted(job.label)};
   for (const user_session& user : users)
-    if (user.uid && domain == muro::stringify("gui/", *user.uid))
+    if (user.uid && domain == domain_of(user))
       return {muro::stringify("launchctl bsexec ", user.pid, " sudo -u ", user.name,
                               " launchctl remove ", quoted(job.label))};
   return {"log out and in again"};
+}
+
+// An agent waits for the client's user: it has to be in the domain of everyone who is logged in.
+void look_for_users_without(const job_facts& agent, const std::string& id, const survey_result& all,
+                            findings& out) {
+  if (!agent.is_right()) return;
+  for (const user_session& user : all.users) {
+    const std::string domain = domain_of(user);
+    if (!user.uid || agent.loaded_in.contains(domain) || agent.disabled_in.contains(domain))
+      continue;
+    out.push_back(
+        {"agent-not-loaded",
+         severity::warning,
+         id,
+         agent.label + " is not loaded in " + domain + ", where " + user.name + " is logged in",
+         "the client does not come back there before the next log-in",
+         {muro::stringify("launchctl bsexec ", user.pid, " sudo -u ", quoted(user.name),
+                          " launchctl load -w ", quoted(agent.file.path))}});
+  }
 }
 
 void look_at_loading(const job_facts& job, const std::string& id, const survey_result& all,
                      findings& out) {
   if (!all.launchd_known) return;
   look_for_override(job, id, out);
+  if (job.kind == job_kind::agent) look_for_users_without(job, id, all, out);
   if (!job.file.exists) {
     for (const std::string& domain : job.loaded_in)
       out.push_back({"job-loaded-without-file", severity::warning, id,
@@ -191,6 +215,17 @@ void look_at_session(const session_facts& session, findings& out) {
                    {"rnrctl sessions prune --yes"}});
 }
 
+void look_for_session(const std::string& id, const survey_result& all, findings& out) {
+  const auto is_asked_for = [&id](const session_facts& session) { return session.id == id; };
+  if (std::any_of(all.sessions.begin(), all.sessions.end(), is_asked_for)) return;
+  out.push_back({"session-unknown",
+                 severity::error,
+                 id,
+                 "nothing of this session is here: no folder, no job, no socket",
+                 "it was never registered, has resigned, or was removed when it was over",
+                 {"rnrctl log --id " + quoted(id), "rnrctl register FILE"}});
+}
+
 // The Mac
 
 void look_at_client(const survey_result& all, findings& out) {
@@ -205,6 +240,10 @@ void look_at_client(const survey_result& all, findings& out) {
 }
 
 void look_at_helper(const survey_result& all, findings& out) {
+  if (!all.shared.daemon.file.exists && all.sessions.empty())
+    out.push_back({"helper-missing", severity::note, "",
+                   "there is no shared daemon, and no session",
+                   "clients cannot register, and nothing comes back after a restart", renew("")});
   if (all.shared.daemon.file.exists && all.shared.endpoint == endpoint_state::none)
     out.push_back({"helper-not-serving",
                    severity::error,
@@ -296,18 +335,9 @@ void look_at_security(const survey_result& all, findings& out) {
 
 }  // namespace
 
-const std::vector<std::string>& finding_names() {
-  static const auto* const names = new std::vector<std::string>{
-      "client-missing",          "dead-socket",        "duplicate-label",      "endpoint-blocked",
-      "endpoint-silent",         "helper-not-serving", "job-disabled",         "job-file-edited",
-      "job-file-mode",           "job-file-no-file",   "job-file-owner",       "job-label-differs",
-      "job-loaded-without-file", "job-not-loaded",     "job-program-missing",  "left-over-target",
-      "log-not-writable",        "nobody-behind",      "socket-path-too-long", "wide-folder"};
-  return *names;
-}
-
-std::vector<finding> diagnose(const survey_result& all, bool security) {
+std::vector<finding> diagnose(const survey_result& all, bool security, const std::string& id) {
   findings out;
+  if (!id.empty()) look_for_session(id, all, out);
   look_at_client(all, out);
   look_at_helper(all, out);
   look_at_file(all.shared.daemon, "", out);
@@ -324,6 +354,8 @@ std::vector<finding> diagnose(const survey_result& all, bool security) {
   look_for_duplicates(all, out);
   look_at_logs(all, out);
   if (security) look_at_security(all, out);
+  if (!id.empty())
+    std::erase_if(out, [&id](const finding& f) { return !f.id.empty() && f.id != id; });
   std::stable_sort(out.begin(), out.end(),
                    [](const finding& a, const finding& b) { return a.how_bad > b.how_bad; });
   return out;

@@ -22,11 +22,9 @@ struct finding {
   std::vector<std::string> advice;  ///< what to do: shell commands for root, or plain words
 };
 
-/// Every name that `diagnose` can give, for documents and completions.
-const std::vector<std::string>& finding_names();
-
-/// The findings, errors first. With `security` also those on what others may change.
-std::vector<finding> diagnose(const survey_result& all, bool security);
+/// The findings, errors first. With `security` also those on what others may change; with an ID only
+/// that session's and those of the whole Mac. Their names are listed in rnrctl(8).
+std::vector<finding> diagnose(const survey_result& all, bool security, const std::string& id = "");
 
 /// 0 when there are none, else 10, 11 or 12 for the worst.
 int status_of(const std::vector<finding>& findings);

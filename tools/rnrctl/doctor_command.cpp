@@ -1,5 +1,4 @@
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -54,19 +53,11 @@ void print_all(const std::vector<finding>& findings, const survey_result& all, b
   if (findings.empty()) out << "nothing found\n";
 }
 
-// Findings of the whole Mac concern every session.
-bool concerns(const finding& found, const std::string& id) {
-  return id.empty() || found.id.empty() || found.id == id;
-}
-
 exit_status doctor(const doctor_options& options, std::ostream& out, std::ostream& err) {
   if (!options.id.empty() && !namesSession(options.id))
     fail_usage("\"" + options.id + "\" is no session's ID");
   const survey_result all = look();
-  std::vector<finding> findings = diagnose(all, options.security);
-  findings.erase(std::remove_if(findings.begin(), findings.end(),
-                                [&](const finding& f) { return !concerns(f, options.id); }),
-                 findings.end());
+  const std::vector<finding> findings = diagnose(all, options.security, options.id);
   print_all(findings, all, options.as_json, out, err);
   return static_cast<exit_status>(status_of(findings));
 }
