@@ -35,12 +35,13 @@ inline std::string escaped_line(std::string_view text) {
   std::string out;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && c != '`') {
+      out += c;
+      continue;
+    }
     char code[4];
     std::snprintf(code, sizeof code, "`%02x", byte);
-    if (byte >= 0x20 && c != '`')
-      out += c;
-    else
-      out += code;
+    out += code;
   }
   return out;
 }
