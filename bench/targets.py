@@ -73,7 +73,8 @@ ROWS = [
 
     Row("bundle/copy_memory", "bundle", "copy 5,000 files, 300 MB, in memory", 0.60),
     Row("bundle/copy_disk", "bundle", "copy 5,000 files, 300 MB, on disk", 0.70),
-    Row("bundle/delete", "bundle", "delete them", 0.95),
+    Row("bundle/delete", "bundle", "delete them, in memory", 0.95),
+    Row("bundle/delete_disk", "bundle", "delete them, on disk"),
 
     Row("footprint/start", "footprint", "start to the first reply", 1.10, "libevent"),
     Row("footprint/idle_memory", "footprint", "private memory, idle", 2.0, "libevent"),
