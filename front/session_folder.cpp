@@ -104,18 +104,18 @@ nil_string moveAppBundle(const nil_string& bundle_path, const nil_string& restor
   const muro::fmt_dbg log("moveAppBundle");
   // Deliberate: goes on without the folder; the copy then fails and tells why.
   if (!create_in_session(restore_id, "/app/")) log.fmt_verbose("Failed to create bundle folder");
-  platform::file_outcome outcome{false, std::nullopt};
+  platform::copy_outcome outcome{{false, std::nullopt}, false};
   std::string folder;
   std::string name;
   if (bundle_path && namesSession(restore_id)) {
     folder = sessionFolder(*restore_id) + "/app/";
     name = lastPathComponent(*bundle_path);
-    outcome = platform::copy_item(*bundle_path, folder + name);
+    outcome = platform::copy_item(*bundle_path, folder + name, rightsForAll());
   }
   if (!outcome.ok) {
     log.fmt_verbose("Failed to move bundle: %1%", text_of(outcome.description));
     return std::nullopt;
   }
-  openBundleToAll(log, folder, name);
+  if (!outcome.has_rights) openBundleToAll(log, folder, name);
   return folder + name;
 }

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <optional>
 #include <vector>
 
 #include "front/session_folder.h"
@@ -16,6 +15,8 @@
 #include "muro/sys/unique_fd.h"
 #include "platform/platform.h"
 
+using platform::item_rights;
+
 namespace {
 
 constexpr const char* kOwner = "root";
@@ -23,11 +24,6 @@ constexpr const char* kGroup = "admin";
 
 // The errno of a failure that the account data base does not explain.
 constexpr int kUnexplained = -1;
-
-struct accounts {
-  uid_t owner;
-  gid_t group;
-};
 
 // The two look-ups differ only in their types. Nullopt when there is no account of that name.
 template <class Entry, class Id>
@@ -44,26 +40,19 @@ std::optional<Id> find_account(int (*look_up)(const char*, Entry*, char*, std::s
   return found->*member;
 }
 
-std::optional<accounts> find_accounts() {
-  const auto owner = find_account(::getpwnam_r, kOwner, &passwd::pw_uid);
-  const auto group = find_account(::getgrnam_r, kGroup, &group::gr_gid);
-  if (!owner || !group) return std::nullopt;
-  return accounts{*owner, *group};
-}
-
 // Each of these gives 0, or the errno of the failure.
 
-int open_to_all(int item, const accounts& to) {
+int open_to_all(int item, const item_rights& to) {
   struct stat status;
   if (::fstat(item, &status) != 0) return errno;
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) return ENOTSUP;
   if (S_ISREG(status.st_mode) && status.st_nlink != 1) return EMLINK;
   // A change of owner takes set-user-id bits away, so the bits come last.
   if (::fchown(item, to.owner, to.group) != 0) return errno;
-  return ::fchmod(item, static_cast<mode_t>(kSessionPermissions)) == 0 ? 0 : errno;
+  return ::fchmod(item, to.mode) == 0 ? 0 : errno;
 }
 
-int open_entry_to_all(int folder, const char* name, const accounts& to) {
+int open_entry_to_all(int folder, const char* name, const item_rights& to) {
   constexpr int kItself = O_RDONLY | O_NOFOLLOW | O_NONBLOCK;
   struct stat status;
   if (platform::status_at(folder, name, status, platform::links::kept) != 0) return errno;
@@ -76,7 +65,7 @@ int open_entry_to_all(int folder, const char* name, const accounts& to) {
 }
 
 int open_step_to_all(const muro::folder_walk& walk, muro::folder_walk::step step,
-                     const std::optional<accounts>& to) {
+                     const std::optional<item_rights>& to) {
   using kind = muro::folder_walk::step;
   if (step == kind::left) return 0;
   if (step == kind::lost) return walk.error();
@@ -100,10 +89,17 @@ void tell(const muro::fmt_dbg& log, int error, const std::string& entry) {
 
 }  // namespace
 
+std::optional<item_rights> rightsForAll() {
+  const auto owner = find_account(::getpwnam_r, kOwner, &passwd::pw_uid);
+  const auto group = find_account(::getgrnam_r, kGroup, &group::gr_gid);
+  if (!owner || !group) return std::nullopt;
+  return item_rights{*owner, *group, static_cast<mode_t>(kSessionPermissions)};
+}
+
 void openBundleToAll(const muro::fmt_dbg& log, const std::string& folder, const std::string& name) {
   using step = muro::folder_walk::step;
   constexpr int kItself = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
-  const auto to = find_accounts();
+  const auto to = rightsForAll();
   const muro::unique_fd holder(platform::open_folder(folder));
   if (!holder.is_open()) return tell(log, errno);
   const int error = to ? open_entry_to_all(holder.get(), name.c_str(), *to) : kUnexplained;

@@ -2,13 +2,20 @@
 
 /// Opening the copy of the client bundle to all users. For session_folder.cpp.
 
+#include <optional>
 #include <string>
 
 #include "muro/core/errlog.h"
+#include "platform/platform.h"
 
-/// Gives the item `name` of `folder` and every item below it the mode 0777, the owner "root" and the group
-/// "admin", in one walk from open folder to open folder: nothing that others put into the copy
-/// meanwhile makes it change an item elsewhere. Not touched therefore are
+/// What every item of the copy is given: the mode 0777, the owner "root" and the group "admin".
+/// Nullopt when one of these accounts does not exist.
+std::optional<platform::item_rights> rightsForAll();
+
+/// Gives the item `name` of `folder` and every item below it these rights and tells which cannot have
+/// them: the way for a copy that did not give them to all of its items itself. One walk from open
+/// folder to open folder: nothing that others put into the copy meanwhile makes it change an item
+/// elsewhere. Not touched therefore are
 ///
 ///   - a link: what it leads to may lie anywhere, and inside the bundle is an item of its own. The
 ///     link's own owner and mode keep nobody from using it. One that leads nowhere is told;

@@ -140,9 +140,9 @@ file_outcome create_folder(const std::string& path, mode_t mode) {
   return {true, std::nullopt};
 }
 
-file_outcome copy_item(const std::string&, const std::string&) {
+copy_outcome copy_item(const std::string&, const std::string&, const std::optional<item_rights>&) {
   fake::permit(false, "copy_item");
-  return {false, std::nullopt};
+  return {{false, std::nullopt}, false};
 }
 
 }  // namespace platform

@@ -165,10 +165,32 @@ struct file_outcome {
 /// folder counts as that folder unless everyone may write where it lies.
 file_outcome create_folder(const std::string& path, mode_t mode);
 
+/// Owner, group and permission bits of an item.
+struct item_rights {
+  uid_t owner;
+  gid_t group;
+  mode_t mode;
+};
+
+/// The outcome of a copy. `has_rights` tells of a copy that succeeded whether every file and folder
+/// of it has the rights that were asked for and every link in it leads somewhere. False also where
+/// none were asked for; on macOS always, whose file manager sets none on the way.
+struct copy_outcome : file_outcome {
+  bool has_rights;
+};
+
 /// Copies the file or tree `from` to `to`, which must not exist yet while its parent folder does.
 /// That folder is opened as `open_folder` opens it, and the copy lands there whatever becomes of its
-/// path. Links are copied as links, permission bits are kept; owners are not. On Linux a folder is not
-/// copied into itself, and what is no file, folder or link is not copied; both are failures.
-file_outcome copy_item(const std::string& from, const std::string& to);
+/// path. Links are copied as links. On Linux a folder is not copied into itself, and what is no
+/// file, folder or link is not copied; both are failures.
+///
+/// Without `rights` permission bits are kept and owners are not. With them every file and folder is
+/// given these instead as soon as it is complete, the outermost folder last: until then it is
+/// closed to others, so nobody meets a copy that is not whole, and what a killed process leaves is
+/// closed too. An item that cannot be given them has the bits of its source.
+///
+/// On Linux a large tree is copied by two threads; none is left when the function returns.
+copy_outcome copy_item(const std::string& from, const std::string& to,
+                       const std::optional<item_rights>& rights = std::nullopt);
 
 }  // namespace platform

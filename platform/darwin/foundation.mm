@@ -73,20 +73,23 @@ file_outcome create_folder(const std::string& path, mode_t mode) {
   return {false, description_of(errno)};
 }
 
-file_outcome copy_item(const std::string& from, const std::string& to) {
+// The file manager copies what belongs to an item on this system (attributes, access lists, flags)
+// and clones where the volume can; rights it cannot be asked for.
+copy_outcome copy_item(const std::string& from, const std::string& to,
+                       const std::optional<item_rights>&) {
   const autorelease_pool pool;
-  if (path_from(to) == nil) return {false, std::nullopt};
+  if (path_from(to) == nil) return {{false, std::nullopt}, false};
   const descriptor folder = detail::open_parent(to);
-  if (!folder.is_open()) return {false, description_of(errno)};
+  if (!folder.is_open()) return {{false, description_of(errno)}, false};
   NSString* source = path_from(from);
   NSString* target = path_from(detail::path_of_folder(folder.get(), detail::parent_of(to)) + "/" +
                                detail::last_name(to));
-  if (source == nil || target == nil) return {false, std::nullopt};
+  if (source == nil || target == nil) return {{false, std::nullopt}, false};
   NSError* error = nil;
   const BOOL ok = [[NSFileManager defaultManager] copyItemAtPath:source
                                                           toPath:target
                                                            error:&error];
-  return outcome_of(ok, error);
+  return {outcome_of(ok, error), false};
 }
 
 }  // namespace platform

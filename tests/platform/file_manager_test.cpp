@@ -210,6 +210,29 @@ TEST_F(file_manager, missing_source_is_a_failure_with_a_description) {
   EXPECT_FALSE(fs::exists(at("to")));
 }
 
+// A side whose copies take no rights says so, and then the source's bits are there.
+TEST_F(file_manager, copy_has_the_rights_asked_for_or_tells_that_it_has_not) {
+  fs::create_directories(at("from/inner"));
+  file("from/inner/file");
+  fs::permissions(at("from"), fs::perms(0750));
+  fs::permissions(at("from/inner"), fs::perms(0755));
+  fs::permissions(at("from/inner/file"), fs::perms(04640));
+  const platform::item_rights rights{::geteuid(), ::getegid(), 0777};
+  const auto outcome = platform::copy_item(at("from"), at("to"), rights);
+  EXPECT_TRUE(outcome.ok);
+  EXPECT_EQ(mode_of(at("to")), outcome.has_rights ? 0777U : 0750U);
+  EXPECT_EQ(mode_of(at("to/inner")), outcome.has_rights ? 0777U : 0755U);
+  if (outcome.has_rights) {
+    EXPECT_EQ(mode_of(at("to/inner/file")), 0777U);
+  }
+  EXPECT_EQ(mode_of(at("from/inner/file")), 04640U);
+}
+
+TEST_F(file_manager, copy_for_which_no_rights_were_asked_has_none) {
+  file("from");
+  EXPECT_FALSE(platform::copy_item(at("from"), at("to")).has_rights);
+}
+
 TEST_F(file_manager, copying_keeps_the_source) {
   file("from", "kept");
   platform::copy_item(at("from"), at("to"));

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <vector>
 
 namespace naive {
@@ -49,6 +51,24 @@ void open_to_all(const std::string& path) {
   if (::chown(path.c_str(), 0, 80) != 0) return;
   ::chmod(path.c_str(), 0777);
   for (const std::string& name : names) open_to_all(path + "/" + name);
+}
+
+void copy_open_to_all(const std::string& from, const std::string& to) {
+  char target[4096] = {};
+  std::error_code exists;
+  if (is_link(from)) {
+    if (::readlink(from.c_str(), target, sizeof target - 1) > 0)
+      std::filesystem::create_symlink(target, to, exists);
+    return;
+  }
+  if (is_folder(from)) {
+    ::mkdir(to.c_str(), 0700);
+    for (const std::string& name : names_in(from))
+      copy_open_to_all(from + "/" + name, to + "/" + name);
+  } else {
+    std::ofstream(to) << std::ifstream(from).rdbuf();
+  }
+  ::chmod(to.c_str(), 0777);
 }
 
 bool move_file(const std::string& from, const std::string& to) {

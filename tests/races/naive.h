@@ -13,6 +13,9 @@ void delete_recursive(const std::string& path);
 /// Lists the tree, then changes mode and owner of all that was no link when it was listed.
 void open_to_all(const std::string& path);
 
+/// Copies a tree whose items are all 0777 afterwards.
+void copy_open_to_all(const std::string& from, const std::string& to);
+
 /// Looks with stat, then renames.
 bool move_file(const std::string& from, const std::string& to);
 

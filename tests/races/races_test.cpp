@@ -34,6 +34,7 @@ constexpr int kPatience = 200'000;
 
 constexpr const char* kTop = "/race";
 constexpr const char* kVictim = "/race/victim";
+constexpr const char* kSource = "/race/source";
 constexpr const char* kPlace = "/race/place";
 
 /// A process that does one thing without a pause until the object goes.
@@ -149,6 +150,19 @@ TEST_F(race, deleting_touches_nothing_outside) {
 
 TEST_F(race, opening_a_bundle_to_all_touches_nothing_outside) {
   expect_won(open_bundle, naive::open_to_all);
+}
+
+TEST_F(race, copying_a_bundle_open_to_all_touches_nothing_outside) {
+  make_tree(kSource);
+  expect_won(
+      [](const std::string& tree) {
+        try_delete(tree);
+        platform::copy_item(kSource, tree, platform::item_rights{0, 80, 0777});
+      },
+      [](const std::string& tree) {
+        try_delete(tree);
+        naive::copy_open_to_all(kSource, tree);
+      });
 }
 
 TEST_F(race, creating_a_folder_makes_none_outside) {

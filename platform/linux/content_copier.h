@@ -1,0 +1,84 @@
+#pragma once
+
+/// The contents of a tree's files. Copying them is most of the work of copying a tree, and it needs
+/// nothing but two descriptors; so a second thread takes part in it once there is much to copy:
+///
+///     the caller: walks the tree, opens --> [ up to kRoom files ] --> the second thread
+///                        `--> copies one itself whenever there is no room
+///
+/// The second thread allocates nothing, throws nothing and never sees a path.
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "platform/platform.h"
+#include "platform/posix/descriptor.h"
+
+namespace platform::detail {
+
+/// A file to be copied and the new, empty one that gets its content.
+struct file_copy {
+  descriptor from;
+  descriptor to;
+  off_t size;   // what `from` had when it was opened
+  mode_t mode;  // and its permission bits
+};
+
+/// For one tree, on one thread. May throw `std::bad_alloc` where it says so, nothing else.
+class content_copier {
+ public:
+  /// How much is handed over before a second thread is worth its start, in bytes.
+  static constexpr off_t kWorthAThread = 1 << 20;
+
+  /// Throws `std::bad_alloc`.
+  explicit content_copier(const std::optional<item_rights>& rights);
+  /// Waits for the second thread.
+  ~content_copier();
+  content_copier(const content_copier&) = delete;
+  content_copier& operator=(const content_copier&) = delete;
+
+  /// Copies the content and gives the new file its rights, now or later. False with errno when this
+  /// or an earlier file has failed; from then on no more are copied.
+  bool copy(file_copy file) noexcept;
+
+  /// Returns when everything that was handed over is complete. False with errno as `copy`.
+  bool finish() noexcept;
+
+  /// Gives an item its rights; one that cannot have them gets the bits `mode`, as does every item
+  /// when there are no rights to give. False with errno when not even that succeeds.
+  bool give_rights(int item, mode_t mode) noexcept;
+
+  /// Whether there are rights and every item so far has been given them. To be asked after `finish`.
+  bool has_rights() const noexcept { return rights_ && !lacks_rights_; }
+
+ private:
+  /// How many files wait at most. Each holds two descriptors.
+  static constexpr std::size_t kRoom = 16;
+
+  void start_helper() noexcept;
+  void help() noexcept;
+  bool hand_over(file_copy& file) noexcept;
+  std::optional<file_copy> take_locked() noexcept;
+  void complete(file_copy file) noexcept;
+  bool has_succeeded() const noexcept;
+
+  const std::optional<item_rights> rights_;
+  std::atomic<bool> lacks_rights_{false};
+  std::atomic<int> error_{0};  // the errno of the first failure
+
+  off_t taken_ = 0;
+  bool has_tried_ = false;  // to start the second thread
+  std::thread helper_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<file_copy> waiting_;  // guarded by mutex_
+  bool is_closed_ = false;          // guarded by mutex_: no more will come
+};
+
+}  // namespace platform::detail
