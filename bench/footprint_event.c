@@ -1,5 +1,5 @@
-// A server on libevent, as its makers mean it, that serves frames at the path it is given. For
-// comparison only.
+// A server on libevent, as its makers mean it, that serves frames at the path it is given, a socket
+// that everyone may use. For comparison only.
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
@@ -7,7 +7,9 @@
 #include <event2/listener.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 static void written(struct bufferevent* client, void* unused) {
   (void)unused;
@@ -46,8 +48,10 @@ int main(int argc, char** argv) {
   if (argc != 2 || strlen(argv[1]) >= sizeof address.sun_path) return 2;
   strcpy(address.sun_path, argv[1]);
   struct event_base* const base = event_base_new();
-  if (evconnlistener_new_bind(base, accepted, base, LEV_OPT_CLOSE_ON_FREE, 20,
-                              (const struct sockaddr*)&address, sizeof address) == NULL)
+  unlink(argv[1]);
+  if (evconnlistener_new_bind(base, accepted, base, LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC,
+                              20, (const struct sockaddr*)&address, sizeof address) == NULL ||
+      chmod(argv[1], 0666) != 0)
     return 1;
   return event_base_dispatch(base);
 }

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -23,8 +24,9 @@ int main(int argc, char** argv) {
   if (argc != 2 || strlen(argv[1]) >= sizeof address.sun_path) return 2;
   strcpy(address.sun_path, argv[1]);
   const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
+  unlink(argv[1]);
   if (bind(listening, (const struct sockaddr*)&address, sizeof address) != 0) return 1;
-  if (listen(listening, 20) != 0) return 1;
+  if (listen(listening, 20) != 0 || chmod(argv[1], 0666) != 0) return 1;
   for (;;) {
     const int client = accept(listening, NULL, NULL);
     uint32_t length;

@@ -5,7 +5,7 @@ of the children that the helper waits for."""
 import pathlib
 import sys
 
-from driver import Driver
+from driver import Driver, before_other_work
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "sim"))
 
@@ -31,6 +31,7 @@ def one_round(mac, probe):
 
 def main():
     driver = Driver()
+    before_other_work()
     probe = str(pathlib.Path(driver.build, "bench/register_probe").resolve())
     with KorvelMac(driver.build, release="10.11.6") as mac:
         mac.boot("alice")

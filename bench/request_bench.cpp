@@ -9,8 +9,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -218,25 +220,46 @@ class event_server : public server {
 using start_server = std::function<std::unique_ptr<server>(const std::string& name)>;
 using question = bool (*)(const sockaddr_un&, const std::string&);
 
-void add(const char* row, const char* contender, const start_server& start, question how,
-         std::size_t body, int requests) {
-  bench::add(row, contender, [=](benchmark::State& state) {
-    const std::string name = endpoint_name(contender[0] == 'l' ? "limit" : "served");
-    const auto serving = start(name);
-    const sockaddr_un address = address_of(name);
-    const std::string frame = frame_of(body);
-    for (auto _ : state) {
-      const bench::stopwatch watch;
-      if (!how(address, frame)) return state.SkipWithError("wrong: another reply");
-      state.SetIterationTime(watch.seconds() / requests);
-    }
-  })->UseManualTime();
+struct workload {
+  const char* row;
+  question how;
+  int requests;      // that one question makes
+  std::size_t body;  // bytes
+  int tries;         // that one repetition makes
+};
+
+constexpr workload kWorkloads[] = {
+    {"request/small", ask, 1, 28, 500},
+    {"request/queued", ask_queued, kQueued, 28, 50},
+    {"request/large", ask, 1, 0x100000, 100},
+};
+
+/// A repetition tells the fastest of its tries: whatever else the machine does can only make one
+/// slower, and two threads that wake each other meet that in most of them.
+void add(const workload& load, const char* contender, const start_server& start) {
+  bench::add(load.row, contender,
+             [=](benchmark::State& state) {
+               const std::string name = endpoint_name("served");
+               const auto serving = start(name);
+               const sockaddr_un address = address_of(name);
+               const std::string frame = frame_of(load.body);
+               for (auto _ : state) {
+                 double fastest_s = std::numeric_limits<double>::max();
+                 for (int i = 0; i < load.tries; ++i) {
+                   const bench::stopwatch watch;
+                   if (!load.how(address, frame))
+                     return state.SkipWithError("wrong: another reply");
+                   fastest_s = std::min(fastest_s, watch.seconds());
+                 }
+                 state.SetIterationTime(fastest_s / load.requests);
+               }
+             })
+      ->UseManualTime()
+      ->Iterations(1);
 }
 
 void add_rows(const char* contender, const start_server& start) {
-  add("request/small", contender, start, ask, 28, 1);
-  add("request/queued", contender, start, ask_queued, 28, kQueued);
-  add("request/large", contender, start, ask, 0x100000, 1);
+  for (const workload& load : kWorkloads) add(load, contender, start);
 }
 
 }  // namespace
@@ -250,8 +273,7 @@ int main(int argc, char** argv) {
   add_rows("libevent",
            [](const std::string& name) { return std::make_unique<event_server>(name); });
 #else
-  for (const char* const row : {"request/small", "request/queued", "request/large"})
-    bench::add_missing(row, "libevent");
+  for (const workload& load : kWorkloads) bench::add_missing(load.row, "libevent");
 #endif
   return bench::run(argc, argv);
 }
