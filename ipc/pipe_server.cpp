@@ -145,13 +145,12 @@ muro::unique_fd pipe_server::accept_client() {
 
 void pipe_server::serve_connection(muro::unique_fd accepted) {
   ipc_priv::connection client(std::move(accepted), stop_pipe_.read.get(), how_.frame_limit_ms);
-  std::string request;
   client.begin_transfer();
-  if (!ipc_priv::read_frame(client, request)) return;
+  if (!ipc_priv::read_frame(client, request_)) return;
   if (!wait_for_handler()) return;
   // Deliberate: what the handler throws is not caught here and ends the process; handlers catch
   // their own.
-  const std::string reply = endpoint_->handle_connection(client.descriptor(), request);
+  const std::string reply = endpoint_->handle_connection(client.descriptor(), request_);
   client.begin_transfer();
   // Deliberate: a reply that cannot be sent, or is too long to be, is dropped; the client sees the
   // connection close.

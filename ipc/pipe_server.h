@@ -81,6 +81,7 @@ class pipe_server : public muro::thread {
   muro::ipc* endpoint_;
   muro::pipe_ends stop_pipe_;
   settings how_;
+  std::string request_;  // kept, so that its room is not zeroed anew; the server's thread only
   int failures_in_a_row_ = 0;  // of accept; the server's thread only
   bool serving_ = false;       // the owner's thread only
 };

@@ -50,6 +50,13 @@ TEST_F(server, bodies_of_one_mebibyte_pass_in_both_directions) {
   EXPECT_EQ(connect().ask(largest), largest);
 }
 
+TEST_F(server, request_after_a_longer_one_holds_nothing_of_it) {
+  start_with([](long, const std::string& request) { return request; });
+  EXPECT_NE(connect().ask(std::string(kMiB, 'm')), std::nullopt);
+  EXPECT_EQ(connect().ask("short"), "short");
+  EXPECT_EQ(connect().ask(""), "");
+}
+
 TEST_F(server, announced_byte_too_many_is_dropped_without_a_reply) {
   start();
   frame_client client = connect();
