@@ -51,9 +51,8 @@ static_assert(kHeaderSize == 16);
 
 sockaddr_un address_of(const std::string& path) {
   if (path.size() >= kPathField) {
-    muro::exception refused = muro::exception::function(kSendToSock);
-    refused.stream() << ": socket path too long";
-    throw refused;
+    const muro::exception refused = muro::exception::function(kSendToSock);
+    throw muro::exception(refused.description() + ": socket path too long");
   }
   // Cut at a zero byte it would be another socket, perhaps another user's.
   if (path.find('\0') != std::string::npos) throw muro::exception::function(kSendToSock);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "muro/core/errno_guard.h"
 
@@ -24,6 +25,8 @@ exception::exception() : text_(":") {}
 
 exception::exception(const char* message) : text_(message) {}
 
+exception::exception(std::string message) : text_(std::move(message)) {}
+
 exception::exception(const exception& other) : std::exception(other), text_(other.description()) {}
 
 exception& exception::operator=(const exception& other) {
@@ -36,6 +39,7 @@ exception& exception::operator=(const exception& other) {
 exception::~exception() {
   const errno_guard keep;
   extra_.reset();
+  std::string().swap(text_);  // freed while errno is kept
 }
 
 const char* exception::what() const noexcept {
@@ -50,18 +54,10 @@ const std::string& exception::description() const {
   return text_;
 }
 
-std::ostream& exception::stream() {
-  if (extra_ == nullptr) {
-    extra_ = std::make_unique<std::ostringstream>();
-    extra_->imbue(std::locale::classic());
-  }
-  return *extra_;
-}
-
 exception exception::function(const char* name) {
   const errno_guard keep;
   exception result;
-  result.stream() << "Error in '" << name << "'";
+  result.text_.append("Error in '").append(name).append("'");
   return result;
 }
 
@@ -77,11 +73,12 @@ exception exception::system_error_context(const char* caller, const char* call,
 }
 
 exception exception::from_system(const char* caller, const char* call, const std::string& error) {
+  const bool has_caller = caller != nullptr && *caller != 0;
   exception result;
-  std::ostream& out = result.stream();
-  out << "Error from '" << call;
-  if (caller != nullptr && *caller != 0) out << "' (called in '" << caller;
-  out << (caller != nullptr && *caller != 0 ? "'): " : "': ") << error;
+  std::string& text = result.text_;
+  text.append("Error from '").append(call);
+  if (has_caller) text.append("' (called in '").append(caller);
+  text.append(has_caller ? "'): " : "': ").append(error);
   return result;
 }
 

@@ -28,6 +28,7 @@ class exception : public std::exception {
   /// Deliberate: the text is ":", and that colon stays in front of all that the factories write.
   exception();
   explicit exception(const char* message);
+  explicit exception(std::string message);
   /// Takes over the other's whole description (which folds the other's stream into its text); the
   /// copy has no stream of its own.
   exception(const exception& other);

@@ -11,14 +11,17 @@
 /// name never depends on it. Nothing here throws but `std::bad_alloc` and what a value's own
 /// `operator<<` throws.
 
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstring>
 #include <initializer_list>
+#include <limits>
 #include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -219,10 +222,13 @@ std::string stringify(const Args&... args) {
 /// gives 0, one that does not fit gives the nearest limit.
 template <class T>
 T destringify(const std::string& s) {
-  std::istringstream in(s);
-  in.imbue(std::locale::classic());
-  T value{};
-  in >> value;
+  static_assert(std::is_signed_v<T> && conversion::is_integer<T>);
+  const char* const end = s.data() + s.size();
+  const char* begin = s.data() + std::min(s.find_first_not_of(" \t\n\v\f\r"), s.size());
+  if (end - begin > 1 && *begin == '+' && begin[1] != '-') ++begin;
+  T value = 0;
+  if (std::from_chars(begin, end, value).ec == std::errc::result_out_of_range)
+    value = *begin == '-' ? std::numeric_limits<T>::min() : std::numeric_limits<T>::max();
   return value;
 }
 

@@ -83,7 +83,7 @@ class time_limit {
 /// Makes the timer state unless an earlier use of a clock has: the relative clock counts from the
 /// first of the two, and a second call does not set it back.
 void init_timer();
-/// Reads the time zone (`tzset`) and finds out `g_has_monotonic`.
+/// Reads the time zone (`tzset`). `g_has_monotonic` stays false.
 void init_unixtime();
 
 /// The one lock for a host's task scheduler, made at the first call. Never null, never destroyed.

@@ -37,10 +37,8 @@ void create_missing(const std::string& path) {
 [[noreturn]] void throw_failure(const char* function, const std::string& path) {
   const errno_guard keep;
   // Without the colon in front that the exception's own factories write.
-  exception failure("");
-  failure.stream() << stringify(keep.value(), " (", safe_strerror(keep.value()),
-                                ") function=", function, " file=", path);
-  throw failure;
+  throw exception(stringify(keep.value(), " (", safe_strerror(keep.value()),
+                            ") function=", function, " file=", path));
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -5,12 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <string_view>
 
 #include "platform/linux/property_list_xml.h"
 #include "platform/platform.h"
+#include "platform/posix/descriptor.h"
 
 namespace platform {
 namespace {
@@ -21,11 +22,18 @@ constexpr const char* kVersionFile = "/System/Library/CoreServices/SystemVersion
 constexpr std::size_t kMaximumVersionFile = 64 * 1024;
 
 nil_string bounded_content(const char* path) {
-  std::ifstream file(path, std::ios::binary);
+  const descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   std::string content(kMaximumVersionFile + 1, '\0');
-  file.read(content.data(), static_cast<std::streamsize>(content.size()));
-  content.resize(static_cast<std::size_t>(file.gcount()));
-  if (!file.is_open() || file.bad() || content.size() > kMaximumVersionFile) return std::nullopt;
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t got = ::read(file.get(), &content[length], content.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return std::nullopt;
+    if (got == 0) break;
+    length += static_cast<std::size_t>(got);
+  }
+  if (length > kMaximumVersionFile) return std::nullopt;
+  content.resize(length);
   return content;
 }
 
@@ -51,9 +59,9 @@ constexpr const char* kRemovedMark = " (deleted)";
 
 void drop_removed_mark(std::string& path) {
   const std::size_t length = std::strlen(kRemovedMark);
-  if (path.size() <= length || ::access(path.c_str(), F_OK) == 0) return;
-  if (path.compare(path.size() - length, length, kRemovedMark) == 0)
-    path.resize(path.size() - length);
+  if (path.size() <= length) return;
+  if (path.compare(path.size() - length, length, kRemovedMark) != 0) return;
+  if (::access(path.c_str(), F_OK) != 0) path.resize(path.size() - length);
 }
 
 }  // namespace

@@ -53,6 +53,11 @@ TEST(exception, message_has_no_colon_of_its_own) {
   EXPECT_EQ(exception("muro").description(), "muro");
 }
 
+TEST(exception, message_may_hold_a_zero_byte) {
+  const std::string message("a\0b", 3);
+  EXPECT_EQ(exception(message).description(), message);
+}
+
 TEST(exception, stream_is_folded_in_behind_the_text) {
   exception e("text");
   e.stream() << " and " << 7;

@@ -271,6 +271,7 @@ TEST(destringify, reads_a_number_from_the_front) {
   EXPECT_EQ(destringify<int>("-7"), -7);
   EXPECT_EQ(destringify<int>("+7"), 7);
   EXPECT_EQ(destringify<int>("007 8"), 7);
+  EXPECT_EQ(destringify<int>(" \t\n\v\f\r42"), 42);
 }
 
 TEST(destringify, gives_zero_for_what_is_no_number) {
@@ -278,6 +279,9 @@ TEST(destringify, gives_zero_for_what_is_no_number) {
   EXPECT_EQ(destringify<int>("abc"), 0);
   EXPECT_EQ(destringify<int>("-"), 0);
   EXPECT_EQ(destringify<int>("  "), 0);
+  EXPECT_EQ(destringify<int>("+"), 0);
+  EXPECT_EQ(destringify<int>("+-7"), 0);
+  EXPECT_EQ(destringify<int>("- 7"), 0);
 }
 
 TEST(destringify, stops_at_the_limits_of_the_type) {
