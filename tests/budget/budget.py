@@ -5,8 +5,8 @@
     budget.py --program ... fmt_one --update                             stores what was counted
 
 budget.json holds, for each entry, the instructions of one operation and how often it is run to be
-counted; or, for an entry with "calls", the system calls of one operation, without those for memory
-and for waiting, under strace. Of these none may be made more often than the table says, and none of
+counted; or, for an entry with "calls", the system calls of one operation, without those for memory,
+for waiting and at a thread's end, which the program need not live to see, under strace. Of these none may be made more often than the table says, and none of
 those in ONCE another number of times. The counts are those of this project's usual compiler, g++ 12 with -O2; they do not depend
 on the machine's speed or load. A change that needs fewer should store them.
 """
@@ -59,11 +59,13 @@ def count_calls(program, entry, strace="strace"):
 
 
 def traced(program, entry, times, strace):
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory(dir="/tmp") as folder:
         log = os.path.join(folder, "calls")
+        # The helper looks at every folder above itself, so there are always the same.
+        copied = shutil.copy(program, folder)
         run = subprocess.run(
-            [strace, "-f", "-e", "trace=!%memory,futex", "-e", "signal=none", "-o", log,
-             os.path.abspath(program), entry, str(times)],
+            [strace, "-f", "-e", "trace=!%memory,futex,exit,rt_sigprocmask", "-e", "signal=none", "-o", log,
+             copied, entry, str(times)],
             cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         if run.returncode != 0:
             raise Failed(f"{entry}: the program ended with {run.returncode}:\n{run.stdout}")

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """What budget.py answers; callgrind is played by a script."""
 
+import collections
 import os
 import stat
 import tempfile
@@ -83,7 +84,7 @@ class Calls(unittest.TestCase):
                            "shift 4\necho '7 brk(0) = 1' >>$log\n"
                            "for i in $(seq $1); do echo '7 openat(1) = 3' >>$log; done\n")
             os.chmod(path, stat.S_IRWXU)
-            self.assertEqual(budget.count_calls("program", "entry", path), {"open": 1})
+            self.assertEqual(budget.count_calls(path, "entry", path), {"open": 1})
 
 
 class Table(unittest.TestCase):
@@ -97,6 +98,16 @@ class Table(unittest.TestCase):
         calls = table["log_batch_of_1"]["calls"]
         self.assertEqual(calls, table["log_batch_of_700"]["calls"])
         self.assertEqual([calls[name] for name in budget.ONCE], [1, 1, 1])
+
+    def test_a_request_makes_the_prescribed_calls_whatever_its_size_and_its_place_in_the_queue(self):
+        table = budget.read(budget.TABLE)
+        one, queued = (collections.Counter(table[name]["calls"])
+                       for name in ("request_one", "request_queued"))
+        self.assertEqual(table["request_large"]["calls"], one)
+        client = {"socket": 1, "connect": 1, "write": 1, "read": 2, "close": 1}
+        server = {"poll": 1, "accept": 1, "fcntl": 1, "ioctl": 1, "recvfrom": 2, "sendto": 1, "close": 1}
+        each = collections.Counter(client) + collections.Counter(server)
+        self.assertEqual(queued - one, collections.Counter({name: 19 * each[name] for name in each}))
 
 
 if __name__ == "__main__":
