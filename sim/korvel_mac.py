@@ -31,10 +31,12 @@ def find_program(build, *places):
 
 
 class KorvelMac(MacRoot):
-    """The Mac, and the built executables in it. `build` is the build folder."""
+    """The Mac, and the built executables in it. `build` is the build folder, `under` the words of a
+    tool that shall run the helper where that is started by hand."""
 
-    def __init__(self, build, **options):
+    def __init__(self, build, under=(), **options):
         build = pathlib.Path(build).resolve()
+        self.under = list(under)
         self.built_helper = find_program(build, "front", "korvel_helper")
         self.rnrctl_path = find_program(build, "tools", "rnrctl", "rnrctl")
         super().__init__(build=build, launcher=find_program(build, "sim", "macroot-run"), **options)
@@ -48,7 +50,7 @@ class KorvelMac(MacRoot):
 
     def helper(self, *words, path=korvel.HELPER, limit_s=60, **options):
         """Runs the helper to its end as the installer does."""
-        return self.run([path, *words], limit_s, **options)
+        return self.run([*self.under, path, *words], limit_s, **options)
 
     # The client
 

@@ -23,6 +23,8 @@ REFUSED = b""
 REGISTER, RESIGN = "rnr_register", "rnr_resign"
 # The leak sanitizer traces the process at its end, which nobody can do under strace.
 UNTRACED = {"ASAN_OPTIONS": "detect_leaks=0"}
+# A tool that runs every helper which a test starts by hand, say memcheck.
+UNDER = os.environ.get("KORVEL_HELPER_UNDER", "").split()
 # A program that fails, seen to have ended by the time its output is closed.
 FAILING_PROGRAM = "#!/bin/sh\nsleep 0.1 &\nexit 1\n"
 
@@ -36,20 +38,22 @@ class SystemCase(unittest.TestCase):
     def setUp(self):
         self.mac = self.make_mac()
         self.served = None
-        self.addCleanup(self.assert_no_sanitizer_spoke)
+        self.addCleanup(self.assert_nothing_found)
 
     def make_mac(self, **options):
         options.setdefault("release", self.release)
+        options.setdefault("under", UNDER)
         mac = KorvelMac(BUILD, **options)
         self.addCleanup(mac.close)
         return mac
 
-    def assert_no_sanitizer_spoke(self):
-        """A helper that serves is ended by a signal, so only its output tells of a finding."""
+    def assert_nothing_found(self):
+        """A helper that serves is ended by a signal, so only its output tells what a sanitizer or
+        memcheck has found."""
         said = self.served.errors() if self.served else b""
         if self.mac.exists("/var/log/system.log"):
             said += self.mac.read("/var/log/system.log")
-        self.assertNotRegex(said, b"Sanitizer|runtime error")
+        self.assertNotRegex(said, br"Sanitizer|runtime error|(?m:^==\d+== )")
 
     # The helper
 
@@ -65,7 +69,7 @@ class SystemCase(unittest.TestCase):
         """Starts a serving helper by hand and waits for its endpoint."""
         if not self.mac.exists(path):
             self.mac.put_helper(path)
-        self.served = self.mac.start([path, *words])
+        self.served = self.mac.start([*self.mac.under, path, *words])
         self.wait_for_endpoint(session)
         return self.served
 

@@ -6,7 +6,9 @@ under valgrind is its start. Programs whose tests want a Mac root run in one roo
 goes with them into the helper that they start. left_out.txt names what does not run here, and why.
 
 An error of memcheck's or a block that nothing points to any more fails the run, as a failed test
-does. The descriptors that are open at the end are told with --show-descriptors; this release of
+does. Of the system tests, which drive the built helper from outside, those of ROADS run with every
+helper that they start by hand under memcheck; a helper that launchd starts runs as it is. The
+descriptors that are open at the end are told with --show-descriptors; this release of
 valgrind counts none of them as an error.
 """
 
@@ -34,6 +36,9 @@ INTO_CHILDREN = ["--trace-children=yes",
                  "--trace-children-skip=/usr/*,/bin/*,/sbin/*,*/macroot-*,*/loginwindow,*/korvel,*/test_child"]
 # Replays and models are long because they are fast; here a part of them has to do.
 SHORTER = {"--mutations": "100", "--count": "10000"}
+# The roads of the product's main job: installed, asked by clients well and badly. Not the removal: it
+# ends a helper by the name of its executable, which is valgrind's here.
+ROADS = ("test_install", "test_requests", "test_frames")
 
 
 class Program:
@@ -53,6 +58,18 @@ class Program:
             return words
         # The source folder, and with it the suppressions, stands in the root at its own place.
         return [f"{build}/sim/macroot-run", "--required", "--build", str(build), "--"] + words
+
+
+class Road:
+    """A file of system tests. Memcheck's own files go to /tmp: TMPDIR is not there in a Mac root."""
+
+    def __init__(self, name):
+        self.name, self.arguments = name, []
+
+    def words(self, build, extra):
+        under = ["/usr/bin/env", "TMPDIR=/tmp"] + MEMCHECK + extra + INTO_CHILDREN
+        return ["/usr/bin/env", f"KORVEL_BUILD_DIR={build}", "KORVEL_HELPER_UNDER=" + " ".join(under),
+                sys.executable, "-B", str(ROOT / "tests/system/system_main.py"), self.name]
 
 
 def read_left_out(text):
@@ -78,7 +95,7 @@ def programs(tests, left_out):
     for test in tests:
         command = test.get("command")
         if not command or command[0].startswith("/usr/"):
-            continue  # a driver in Python: not under valgrind, nor what it starts
+            continue  # a driver in Python: see ROADS
         path, arguments = command[0], command[1:]
         labels = next((p["value"] for p in test["properties"] if p["name"] == "LABELS"), [])
         if any(word.startswith("--gtest_filter=") for word in arguments):
@@ -110,7 +127,14 @@ def run(program, build, extra, logs):
           f"{'' if status == 0 else f', status {status}: {log}'}", flush=True)
     if status != 0:
         sys.stdout.write("".join(telling(log)))
-    return status == 0
+    return status == 0, tests_in(log)
+
+
+def tests_in(log):
+    """How many tests the program says it ran; one that is a test by itself does not say."""
+    said = re.search(r"^\[=+\] (\d+) tests? from .* ran|^Ran (\d+) tests?",
+                     log.read_text(encoding="utf-8", errors="replace"), re.MULTILINE)
+    return int(said[1] or said[2]) if said else 1
 
 
 def telling(log):
@@ -131,15 +155,17 @@ def main():
     logs = build / "valgrind"
     logs.mkdir(exist_ok=True)
     left_out = read_left_out((HERE / "left_out.txt").read_text(encoding="utf-8"))
-    chosen = [p for p in programs(list_tests(build), left_out)
+    chosen = [p for p in programs(list_tests(build), left_out) + [Road(name) for name in ROADS]
               if not options.name or p.name in options.name]
     if not chosen:
         sys.exit("no such program of tests: " + " ".join(options.name))
     extra = ["--track-fds=yes"] if options.show_descriptors else []
     os.environ.setdefault("GTEST_BRIEF", "0")
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        passed = list(pool.map(lambda p: run(p, build, extra, logs), chosen))
-    print(f"{sum(passed)} of {len(passed)} programs passed under memcheck")
+        done = list(pool.map(lambda p: run(p, build, extra, logs), chosen))
+    passed = [ok for ok, _ in done]
+    print(f"{sum(passed)} of {len(passed)} programs passed under memcheck, "
+          f"{sum(count for _, count in done)} tests")
     return 0 if all(passed) else 1
 
 
