@@ -180,16 +180,6 @@ void drive(const In* source, const In* source_end, Callback callback, void* cont
 
 }  // namespace
 
-step_result convert_utf8_block(const unsigned char*& source, const unsigned char* source_end,
-                               unsigned int*& target, unsigned int* target_end) {
-  return utf8_converter()(source, source_end, target, target_end);
-}
-
-step_result convert_utf32_block(const unsigned int*& source, const unsigned int* source_end,
-                                unsigned char*& target, unsigned char* target_end) {
-  return utf32_converter()(source, source_end, target, target_end);
-}
-
 void drive_utf8(const unsigned char* utf8, std::size_t length, utf32_callback callback,
                 void* context, utf8_step step) {
   drive<kCodePointsPerBlock, unsigned char, unsigned int>(utf8, utf8 + length, callback, context,

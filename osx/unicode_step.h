@@ -25,11 +25,6 @@ using utf8_step = step_result (*)(const unsigned char*& source, const unsigned c
 using utf32_step = step_result (*)(const unsigned int*& source, const unsigned int* source_end,
                                    unsigned char*& target, unsigned char* target_end);
 
-step_result convert_utf8_block(const unsigned char*& source, const unsigned char* source_end,
-                               unsigned int*& target, unsigned int* target_end);
-step_result convert_utf32_block(const unsigned int*& source, const unsigned int* source_end,
-                                unsigned char*& target, unsigned char* target_end);
-
 /// Runs `step` over the input: an illegal sequence loses its first unit, a truncated one at the end
 /// is dropped. Any other result than the four above, and a step that makes no progress, throws
 /// `muro::exception` ":Error in 'convert'".
