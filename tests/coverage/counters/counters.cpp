@@ -2,12 +2,17 @@
 // program of the preset "coverage", and into no other: the linker's --wrap leads the calls here.
 //
 // The library of the counters writes them when a process ends by exit. A forked child that ends by
-// _exit, exec, a deadly signal to itself or an uncaught exception would take its own with it. Not
+// _exit, _Exit, exec, a deadly signal to itself or an uncaught exception would take its own with it. Not
 // wrapped is execv, which GoogleTest calls on a stack that is too small for the saving.
 
+#include <fcntl.h>
+#include <ftw.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,32 +32,98 @@ namespace {
 
 std::terminate_handler g_terminate = nullptr;
 
-/// Some tests limit how much a process may write; a half-written file of counters is worse than none.
-class no_file_limit {
+/// Some tests limit how much a process may write, or have used up its descriptors.
+class lifted_limit {
  public:
-  no_file_limit() {
-    const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    ::setrlimit(RLIMIT_FSIZE, &none);
+  lifted_limit(int resource, rlim_t wanted) : resource_(resource) {
+    ::getrlimit(resource_, &before_);
+    const rlimit both{wanted, wanted};
+    const rlimit own{before_.rlim_max, before_.rlim_max};
+    if (::setrlimit(resource_, &both) != 0) ::setrlimit(resource_, &own);
   }
-  ~no_file_limit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-  no_file_limit(const no_file_limit&) = delete;
-  no_file_limit& operator=(const no_file_limit&) = delete;
+  ~lifted_limit() { ::setrlimit(resource_, &before_); }
+  lifted_limit(const lifted_limit&) = delete;
+  lifted_limit& operator=(const lifted_limit&) = delete;
 
  private:
+  const int resource_;
   rlimit before_{};
 };
 
-/// Writes the counters below the one folder that a Mac root shows writable, as files that the
-/// processes of every user may add to. What the library complains about goes to a file there: the
-/// tests read standard error.
-void save() {
-  const no_file_limit unlimited;
-  char** const environment = environ;
-  const mode_t mask = ::umask(0);
-  ::setenv("GCOV_PREFIX", KORVEL_PROFILE_FOLDER, 1);
+/// Takes the standard descriptors that are closed: a file of counters would get the number, and
+/// another thread's next line of output.
+class held_descriptors {
+ public:
+  held_descriptors() {
+    int number = ::open("/dev/null", O_RDWR);
+    for (; number >= 0 && number <= STDERR_FILENO; number = ::open("/dev/null", O_RDWR))
+      taken_[number] = true;
+    ::close(number);
+  }
+  ~held_descriptors() {
+    for (int number = 0; number <= STDERR_FILENO; ++number)
+      if (taken_[number]) ::close(number);
+  }
+  held_descriptors(const held_descriptors&) = delete;
+  held_descriptors& operator=(const held_descriptors&) = delete;
+
+ private:
+  bool taken_[STDERR_FILENO + 1] = {};
+};
+
+/// Not one line of standard error: the tests read it. A signal they notice.
+void need(bool done) {
+  if (!done) __real_abort();
+}
+
+/// The file that all of this process's counters end up in: for each object a line with its path, one
+/// with the length, and that many bytes.
+int g_pack = -1;
+
+int move_into_pack(const char* path, const struct stat* info, int type, FTW*) {
+  if (type == FTW_F) {
+    const int file = ::open(path, O_RDONLY);
+    const ssize_t size = info->st_size;
+    need(::dprintf(g_pack, "%s\n%zd\n", path + strlen(KORVEL_PROFILE_FOLDER "/part-XXXXXX/"),
+                   size) > 0);
+    need(::sendfile(g_pack, file, nullptr, static_cast<size_t>(size)) == size);
+    ::close(file);
+  }
+  ::remove(path);  // some tests forbid it to their own process
+  return 0;
+}
+
+/// Writes the counters to a folder of this process's own, and then as one file: what another one
+/// writes, and where another one is killed, cannot spoil them. The file has its last name only when
+/// all is in it. It stands in the one place that a Mac root shows writable, and is everybody's:
+/// processes of every user save, and whoever adds up takes it away.
+void save_apart() {
+  char folder[] = KORVEL_PROFILE_FOLDER "/part-XXXXXX";
+  need(::mkdtemp(folder) != nullptr);
+  need(::chmod(folder, 0777) == 0);
+  ::setenv("GCOV_PREFIX", folder, 1);
+  ::setenv("GCOV_PREFIX_STRIP", KORVEL_BUILD_DEPTH, 1);
   ::setenv("GCOV_ERROR_FILE", KORVEL_PROFILE_FOLDER "/errors.log", 1);
   __gcov_dump();
+  if (::rmdir(folder) == 0) return;  // all had been saved before
+  char pack[sizeof folder + 5];
+  ::snprintf(pack, sizeof pack, "%s.pack", folder);
+  g_pack = ::open(pack, O_WRONLY | O_CREAT | O_EXCL, 0666);
+  need(g_pack >= 0 && ::nftw(folder, move_into_pack, 16, FTW_DEPTH | FTW_PHYS) == 0);
+  need(::close(g_pack) == 0);
+  char done[sizeof folder];
+  ::strcpy(done, folder);
+  ::memcpy(::strrchr(done, '/') + 1, "done", 4);
+  need(::rename(pack, done) == 0);
+}
+
+void save() {
+  const lifted_limit sizes(RLIMIT_FSIZE, RLIM_INFINITY);
+  const lifted_limit descriptors(RLIMIT_NOFILE, 65536);
+  const held_descriptors standard;
+  char** const environment = environ;
+  const mode_t mask = ::umask(0);
+  save_apart();
   ::umask(mask);
   environ = environment;
 }
@@ -85,6 +156,10 @@ extern "C" {
 [[noreturn]] void __wrap__exit(int status) {
   save();
   __real__exit(status);
+}
+
+[[noreturn]] void __wrap__Exit(int status) {
+  __wrap__exit(status);
 }
 
 [[noreturn]] void __wrap_abort() {

@@ -1,5 +1,6 @@
 // The log under many threads, and at the end of a process. KORVEL_STRESS multiplies the rounds.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -129,7 +130,7 @@ class log_exit_test : public test::own_process_test {};
 /// In a process of its own: threads log, some flush, the main thread ends it all after `lines`.
 [[noreturn]] void exit_in_the_middle(int status, int lines, const std::string& folder) {
   ::alarm(120);  // a hang ends as a death that the parent sees
-  ::close(STDERR_FILENO);
+  ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
   errlog::set_log_file(folder + "/log");
   errlog::set_log_rotate(3000, 1);
   for (int t = 0; t < 3; ++t) {
