@@ -7,7 +7,8 @@ there has nothing left to explain.
 
 Counted are the branches of lines that decide something. The compiler makes branches of nearly every
 call, for the exception that might come out of it and for the cleaning up behind it; no line of the
-source stands for those, and they are left out.
+source stands for those, and they are left out. Each line that was tried one way only is listed; of
+code that was compiled several times, a template or an inlined function, each copy's ways count.
 """
 
 import argparse
