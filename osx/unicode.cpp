@@ -1,5 +1,8 @@
 #include "osx/unicode.h"
 
+#include <algorithm>
+#include <bit>
+
 #include "muro/core/exception.h"
 #include "osx/unicode_runs.h"
 #include "osx/unicode_sequence.h"
@@ -63,19 +66,9 @@ inline bool leads_fours(const unsigned char* source) {
   return (source[0] & source[4] & source[8] & source[12] & 0xF0) == 0xF0;
 }
 
-// Converts some of the next characters in one go, where there are at least 16 bytes and room for 16
-// code points; false where there is no such run.
+// Converts four characters of three (four) bytes each, where the 16 bytes at `source` begin with
+// such; false where they do not.
 [[gnu::always_inline]] inline bool decode_run(const unsigned char*& source, unsigned int*& target) {
-  if (*source < 0x80) {
-    std::size_t count = kRun;
-    if (!widen_ascii(source, target)) {
-      for (count = 1; source[count] < 0x80; ++count) {
-      }
-    }
-    source += count;
-    target += count;
-    return true;
-  }
   if (*source < 0xE0) return false;
   if (*source < 0xF0) {
     if (!leads_threes(source) || !decode_four_of_three_bytes(source, target)) return false;
@@ -88,52 +81,73 @@ inline bool leads_fours(const unsigned char* source) {
   return true;
 }
 
-// The same for the way back, of at least 16 code points and into room for 16 bytes.
-[[gnu::always_inline]] inline bool encode_run(const unsigned int*& source, unsigned char*& target) {
-  if (*source < 0x80) {
-    std::size_t count = kRun;
-    if (!narrow_ascii(source, target)) {
-      for (count = 1; source[count] < 0x80; ++count) {
-      }
-    }
-    source += count;
-    target += count;
-    return true;
+// Converts the character at `source`, which is no ASCII, or four of its kind; passes over a byte that
+// begins none.
+[[gnu::always_inline]] inline void decode_other(const unsigned char*& source,
+                                                const unsigned char* source_end,
+                                                unsigned int*& target) {
+  if (*source < 0xC2) {
+    ++source;
+    return;
   }
-  // One that stands alone is not worth a try.
-  if (*source < 0x800 || source[1] < 0x800) return false;
-  const std::size_t each = *source < 0x10000 ? 3 : 4;
-  if (!(each == 3 ? encode_four_in_three_bytes(source, target)
-                  : encode_four_in_four_bytes(source, target))) {
-    return false;
+  if (between(source, source_end) >= kRun && decode_run(source, target)) return;
+  const sequence next = read_sequence(source, 4);
+  if (next.length == sequence::kIllegal) {
+    ++source;
+    return;
   }
-  source += 4;
-  target += 4 * each;
-  return true;
+  *target++ = next.code_point;
+  source += next.length;
 }
 
-// Inlined into the driver, as broken text goes back to it for each byte that it drops.
+// The same for the way back, into room for 16 bytes.
+[[gnu::always_inline]] inline void encode_other(const unsigned int*& source,
+                                                unsigned char*& target) {
+  const bool threes = *source < 0x10000;
+  // One that stands alone is not worth a try.
+  if (*source >= 0x800 && source[1] >= 0x800 &&
+      (threes ? encode_four_in_three_bytes(source, target)
+              : encode_four_in_four_bytes(source, target))) {
+    source += 4;
+    target += threes ? 12 : 16;
+    return;
+  }
+  target += encode(*source++, target, kRun);
+}
+
+// What the quick loops read from where they stand: up to seven ASCII characters, and a sequence or
+// four values.
+constexpr std::size_t kQuickReads = 7 + 4;
+// What the way back writes before it looks at the room again: seven bytes, and 16 of which up to 16
+// count.
+constexpr std::size_t kRoom = 7 + 16;
+
+// The end of the places from which there is that much to read.
+template <class T>
+const T* quick_end(const T* source, const T* source_end) {
+  return source_end - std::min(between(source, source_end), kQuickReads - 1);
+}
+
 struct utf8_converter {
   [[gnu::always_inline]] step_result operator()(const unsigned char*& source,
                                                 const unsigned char* source_end,
                                                 unsigned int*& target,
                                                 unsigned int* target_end) const {
-    const unsigned char* const runs_end =
-        source + (between(source, source_end) >= kRun ? between(source, source_end) - kRun + 1 : 0);
-    unsigned int* const room_end =
-        target + (between(target, target_end) >= kRun ? between(target, target_end) - kRun + 1 : 0);
-    while (source < runs_end && target < room_end) {
-      if (decode_run(source, target)) continue;
-      const sequence next = read_sequence(source, kRun);
-      if (next.length == sequence::kIllegal) return step_result::source_illegal;
-      *target++ = next.code_point;
-      source += next.length;
+    const unsigned char* const quick = quick_end(source, source_end);
+    while (source < quick && target < target_end) {
+      const std::size_t ascii = widen_ascii(source, target);
+      source += ascii;
+      target += ascii;
+      if (ascii == kEight) continue;
+      do {
+        decode_other(source, source_end, target);
+      } while (*source >= 0x80 && source < quick && target < target_end);
     }
     while (source != source_end) {
       const sequence next = read_sequence(source, between(source, source_end));
       if (next.length == sequence::kIllegal) return step_result::source_illegal;
       if (next.length == sequence::kTruncated) return step_result::source_exhausted;
-      if (target == target_end) return step_result::target_exhausted;
+      if (target >= target_end) return step_result::target_exhausted;
       *target++ = next.code_point;
       source += next.length;
     }
@@ -146,8 +160,16 @@ struct utf32_converter {
                                                 const unsigned int* source_end,
                                                 unsigned char*& target,
                                                 unsigned char* target_end) const {
-    while (between(source, source_end) >= kRun && between(target, target_end) >= kRun) {
-      if (!encode_run(source, target)) target += encode(*source++, target, kRun);
+    const unsigned int* const quick = quick_end(source, source_end);
+    unsigned char* const room_end = target_end - std::min(between(target, target_end), kRoom - 1);
+    while (source < quick && target < room_end) {
+      const std::size_t ascii = narrow_ascii(source, target);
+      source += ascii;
+      target += ascii;
+      if (ascii == kEight) continue;
+      do {
+        encode_other(source, target);
+      } while (*source >= 0x80 && source < quick && target < room_end);
     }
     for (; source != source_end; ++source) {
       const std::size_t length = encode(*source, target, between(target, target_end));
@@ -160,7 +182,7 @@ struct utf32_converter {
 
 template <std::size_t BlockSize, class In, class Out, class Callback, class Step>
 void drive(const In* source, const In* source_end, Callback callback, void* context, Step step) {
-  Out block[BlockSize];
+  Out block[BlockSize + kOverrun];
   Out* filled = block;
   for (;;) {
     const step_result result = step(source, source_end, filled, block + BlockSize);
@@ -172,10 +194,13 @@ void drive(const In* source, const In* source_end, Callback callback, void* cont
       ++source;
       continue;
     }
-    if (filled != block) callback(context, block, static_cast<std::size_t>(filled - block));
-    if (result != step_result::target_exhausted) return;
-    filled = block;
+    const std::size_t ready = std::min(between(block, filled), BlockSize);
+    if (ready != 0) callback(context, block, ready);
+    std::copy_n(block + ready, kOverrun, block);
+    filled -= ready;
+    if (result != step_result::target_exhausted) break;
   }
+  if (filled != block) callback(context, block, between(block, filled));
 }
 
 }  // namespace

@@ -4,16 +4,18 @@
 ///
 /// Each function takes what it can with SSE2, which every x86-64 processor has, and says how much
 /// that was; "0" and "false" mean that the caller has to go on one character at a time. None looks
-/// at more than 16 units of input or writes more than its contract says, and all writes lie within
-/// the room that the caller promises. Well-formed is what table 3-7 of the Unicode Standard lists.
+/// at more than 16 units of input, or writes more than eight characters or 16 bytes: the caller
+/// promises that much. Well-formed is what table 3-7 of the Unicode Standard lists.
 
 #include <emmintrin.h>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace xstd {
 
 constexpr std::size_t kRun = 16;
+constexpr std::size_t kEight = 8;
 
 namespace lanes {
 
@@ -59,18 +61,34 @@ inline __m128i is_four_byte_value(__m128i code_points) {
 
 }  // namespace lanes
 
-/// Writes the 16 bytes at `source` to `target` as code points; false if not all of them are ASCII,
-/// and then those from the first other byte on mean nothing.
-inline bool widen_ascii(const unsigned char* source, unsigned int* target) {
-  const __m128i bytes = lanes::load(source);
+/// How many of eight units are ASCII, from the first on. The highest bit of each byte of `others`
+/// tells of one of them that it is not.
+///
+/// Deliberate: found by branches, not computed. The processor goes on to what follows by its guess,
+/// and does not wait for the units.
+[[gnu::always_inline]] inline std::size_t count_ascii(std::uint64_t others) {
+  others &= 0x8080808080808080;
+  if (others == 0) return 8;
+  if ((others >> 7 & 1) != 0) return 0;
+  if ((others >> 15 & 1) != 0) return 1;
+  if ((others >> 23 & 1) != 0) return 2;
+  if ((others >> 31 & 1) != 0) return 3;
+  if ((others >> 39 & 1) != 0) return 4;
+  if ((others >> 47 & 1) != 0) return 5;
+  if ((others >> 55 & 1) != 0) return 6;
+  return 7;
+}
+
+/// Writes the eight bytes at `source` to `target` as code points, and returns how many of them, from
+/// the first on, are ASCII; the others mean nothing.
+[[gnu::always_inline]] inline std::size_t widen_ascii(const unsigned char* source,
+                                                      unsigned int* target) {
   const __m128i zero = _mm_setzero_si128();
-  const __m128i low = _mm_unpacklo_epi8(bytes, zero);
-  const __m128i high = _mm_unpackhi_epi8(bytes, zero);
-  lanes::store(target, _mm_unpacklo_epi16(low, zero));
-  lanes::store(target + 4, _mm_unpackhi_epi16(low, zero));
-  lanes::store(target + 8, _mm_unpacklo_epi16(high, zero));
-  lanes::store(target + 12, _mm_unpackhi_epi16(high, zero));
-  return _mm_movemask_epi8(bytes) == 0;
+  const __m128i bytes = lanes::load_half(source);
+  const __m128i units = _mm_unpacklo_epi8(bytes, zero);
+  lanes::store(target, _mm_unpacklo_epi16(units, zero));
+  lanes::store(target + 4, _mm_unpackhi_epi16(units, zero));
+  return count_ascii(static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes)));
 }
 
 /// Reads 16 bytes; if the first 12 are four well-formed sequences of three bytes, writes their code
@@ -103,17 +121,16 @@ inline bool decode_four_of_four_bytes(const unsigned char* source, unsigned int*
   return true;
 }
 
-/// Writes the 16 code points at `source` to `target` as bytes; false if not all of them are ASCII,
-/// and then those from the first other one on mean nothing.
-inline bool narrow_ascii(const unsigned int* source, unsigned char* target) {
-  using lanes::load;
-  const __m128i low = _mm_packs_epi32(load(source), load(source + 4));
-  const __m128i high = _mm_packs_epi32(load(source + 8), load(source + 12));
+/// Writes the eight code points at `source` to `target` as bytes, and returns how many of them, from
+/// the first on, are ASCII; the others mean nothing.
+[[gnu::always_inline]] inline std::size_t narrow_ascii(const unsigned int* source,
+                                                       unsigned char* target) {
+  const __m128i units = _mm_packs_epi32(lanes::load(source), lanes::load(source + 4));
   // Both ways of saturating keep ASCII. One gives the top bit to what is larger, the other to what
   // is negative as a signed number.
-  const __m128i bytes = _mm_or_si128(_mm_packus_epi16(low, high), _mm_packs_epi16(low, high));
-  lanes::store(target, bytes);
-  return _mm_movemask_epi8(bytes) == 0;
+  const __m128i bytes = _mm_or_si128(_mm_packus_epi16(units, units), _mm_packs_epi16(units, units));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(target), bytes);
+  return count_ascii(static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes)));
 }
 
 /// If the four code points at `source` take three bytes each, writes these 12 bytes, and two more

@@ -18,8 +18,13 @@ enum class step_result {
   source_illegal,    // `source` stands on a byte that starts no well-formed sequence
 };
 
+/// So many units more than `target_end` tells of can be written, and a step may leave `target` among
+/// them: what a block has too much begins the next.
+constexpr std::size_t kOverrun = 8;
+
 /// Converts from `source` up to `source_end` into the room from `target` up to `target_end`, and
-/// leaves both cursors behind the last sequence converted.
+/// leaves both cursors behind the last sequence converted. A step may also pass over an illegal
+/// sequence's first unit itself.
 using utf8_step = step_result (*)(const unsigned char*& source, const unsigned char* source_end,
                                   unsigned int*& target, unsigned int* target_end);
 using utf32_step = step_result (*)(const unsigned int*& source, const unsigned int* source_end,

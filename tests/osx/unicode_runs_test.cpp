@@ -41,6 +41,7 @@ const unsigned char* bytes_of(const std::string& text) {
 }
 
 using lanes_of_four = std::array<unsigned int, 4>;
+using lanes_of_eight = std::array<unsigned int, 8>;
 
 lanes_of_four with_lane(unsigned int others, std::size_t lane, unsigned int value) {
   lanes_of_four all = {others, others + 1, others + 0x41, others + 0x1234};
@@ -73,34 +74,31 @@ void expect_marks_checked(decode_four decode, const std::string& text, std::size
 
 }  // namespace
 
-TEST(unicode_runs, ascii_is_widened_unless_one_byte_is_none) {
-  std::string text = std::string("\0\x7F", 2) + "ABCDEFGHIJKLMN";
-  std::vector<unsigned int> wide(xstd::kRun);
-  EXPECT_TRUE(xstd::widen_ascii(bytes_of(text), wide.data()));
+TEST(unicode_runs, ascii_is_widened_up_to_the_first_other_byte) {
+  const std::string text = std::string("\0\x7F", 2) + "ABCDEF";
+  lanes_of_eight wide = {};
+  EXPECT_EQ(xstd::widen_ascii(bytes_of(text), wide.data()), 8u);
   EXPECT_TRUE(std::equal(wide.begin(), wide.end(), text.begin()));
-  for (char& byte : text) {
-    const char kept = byte;
-    byte = '\x80';
-    EXPECT_FALSE(xstd::widen_ascii(bytes_of(text), wide.data()));
-    byte = kept;
+  for (std::size_t first = 0; first < text.size(); ++first) {
+    for (std::size_t second = first; second < text.size(); ++second) {
+      std::string other = text;
+      other[first] = '\x80', other[second] = '\xFF';
+      wide = {};
+      ASSERT_EQ(xstd::widen_ascii(bytes_of(other), wide.data()), first);
+      EXPECT_TRUE(std::equal(text.begin(), text.begin() + static_cast<long>(first), wide.begin()));
+    }
   }
 }
 
-TEST(unicode_runs, what_stands_before_the_first_other_byte_is_widened_all_the_same) {
-  const std::string text = "abcdefghijk\xC3\xA9mno";
-  std::vector<unsigned int> wide(xstd::kRun);
-  EXPECT_FALSE(xstd::widen_ascii(bytes_of(text), wide.data()));
-  EXPECT_TRUE(std::equal(wide.begin(), wide.begin() + 11, text.begin()));
-}
-
-TEST(unicode_runs, ascii_is_narrowed_unless_one_value_is_none) {
-  for (std::size_t place = 0; place < xstd::kRun; ++place) {
+TEST(unicode_runs, ascii_is_narrowed_up_to_the_first_other_value) {
+  for (std::size_t place = 0; place < 8; ++place) {
     for (const unsigned int value : kEdges) {
-      std::vector<unsigned int> text(xstd::kRun, 'x');
+      lanes_of_eight text;
+      text.fill('x');
       text[place] = value;
-      std::string narrow(xstd::kRun, ' ');
+      std::string narrow(8, ' ');
       auto* const to = reinterpret_cast<unsigned char*>(narrow.data());
-      ASSERT_EQ(xstd::narrow_ascii(text.data(), to), value < 0x80) << place << " " << value;
+      ASSERT_EQ(xstd::narrow_ascii(text.data(), to), value < 0x80 ? 8 : place) << value;
       EXPECT_EQ(narrow.substr(0, place), std::string(place, 'x'));
       if (value < 0x80) {
         EXPECT_EQ(narrow[place], static_cast<char>(value));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <random>
 #include <string>
@@ -293,6 +294,39 @@ TEST(unicode, a_break_anywhere_in_a_long_run_is_read_as_the_oracle_reads_it) {
         ASSERT_TRUE(with_oracle.agree(run.substr(0, at) + broken + run.substr(at)));
         ASSERT_TRUE(with_oracle.agree(run.substr(0, at) + broken));
       }
+    }
+  }
+}
+
+// The bytes at which the rules turn, four in a row, at each place of eight bytes that are looked at
+// together: far enough from the end for what is read ahead.
+TEST(unicode, every_four_edge_bytes_within_ascii_are_read_as_the_oracle_reads_them) {
+  constexpr unsigned char kTurns[] = {0x41, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC1,
+                                      0xC2, 0xDF, 0xE0, 0xED, 0xEF, 0xF0, 0xF4, 0xF5, 0xFF};
+  constexpr unsigned kCount = sizeof kTurns;
+  comparison with_oracle;
+  std::string utf8(28, 'x');
+  for (unsigned bits = 0; bits < kCount * kCount * kCount * kCount; ++bits) {
+    const std::size_t at = bits % 9;
+    std::fill(utf8.begin(), utf8.end(), 'x');
+    for (unsigned i = 0, left = bits; i < 4; ++i, left /= kCount) {
+      utf8[at + i] = static_cast<char>(kTurns[left % kCount]);
+    }
+    ASSERT_TRUE(with_oracle.agree(utf8));
+  }
+}
+
+TEST(unicode, blocks_hold_256_whatever_stands_at_their_ends) {
+  for (std::size_t before = 240; before < 260; ++before) {
+    for (const std::string unit : {"x", "\xC3\xA9", "\xE5\xA4\xA9", "\xF0\x9F\x98\x80"}) {
+      std::string utf8(before, 'y');
+      for (int i = 0; i < 300; ++i) utf8 += unit;
+      const std::size_t rest = before + 300 - 512;
+      const runs seen = decode_in_runs(utf8);
+      ASSERT_EQ(seen.lengths, (std::vector<std::size_t>{256, 256, rest}));
+      code_points expected;
+      oracle_decode(utf8, expected);
+      ASSERT_TRUE(seen.text == expected) << before;
     }
   }
 }
