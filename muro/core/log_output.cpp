@@ -66,8 +66,8 @@ void gather(std::string& out, const log_slice& slice, log_text::clock* clock) {
   if (clock == nullptr) {
     slice.for_each([&](const log_entry& entry) { append_unstamped(out, entry); });
   } else {
-    const std::string& stamp = clock->now();
-    slice.for_each([&](const log_entry& entry) { append_stamped(out, entry, stamp); });
+    clock->now();
+    slice.for_each([&](const log_entry& entry) { append_stamped(out, entry, clock->next()); });
   }
 }
 
@@ -145,11 +145,12 @@ std::string log_output::write_to_file(const log_slice& slice) {
   log_file file(name, memory_);
   if (!file.refusal().empty()) return "log file " + name + " is not used: " + file.refusal();
   if (!file.is_open()) return "";
-  const std::string& stamp = clock_.now();
+  clock_.now();
   if (keeps_lines_) lines_.reserve(slice.length());
   slice.for_each([&](const log_entry& entry) {
     if (!keeps_lines_) lines_.clear();
     const std::size_t begin = lines_.size();
+    const std::string& stamp = clock_.next();
     append_stamped(lines_, entry, stamp);
     file.write(std::string_view(lines_).substr(begin),
                entry.raw != nullptr ? entry.raw->prefix_length : stamp.size());

@@ -38,8 +38,8 @@ class log_output {
 
   /// Escapes the texts, writes all entries as the settings say, releases the raw lines and leaves
   /// the queue empty. The file is opened and closed once for a slice, while the effective user is
-  /// held. The lines of a slice have one time, that at which their writing begins; file and echo
-  /// tell the same. Throws nothing: where memory runs out, a part of that slice may stay unwritten.
+  /// held. Each line has the time at which it is written; file and echo of one tell the same. Throws
+  /// nothing: where memory runs out, a part of that slice may stay unwritten.
   void write(log_queue& batch);
 
  private:

@@ -36,6 +36,11 @@ std::size_t plain_length(std::string_view text) {
   return at;
 }
 
+/// 0 where a host's clock fails.
+long long wait_clock_or_0() noexcept try { return wait_clock_us(); } catch (...) {
+  return 0;
+}
+
 }  // namespace
 
 void escape(std::string& text) {
@@ -79,18 +84,28 @@ std::string timestamp(long long seconds_since_epoch) {
 }
 
 const std::string& clock::now() {
-  long long second = -1;
+  const long long asked_us = wait_clock_or_0();
+  long long now_ms = 0;
   try {
-    second = absolute_time_t();
+    now_ms = absolute_time();
   } catch (...) {
     second_ = -1;
+    over_us_ = 0;
     return text_ = "N";
   }
+  const long long second = now_ms / 1000;
   if (second != second_) {
     text_ = timestamp(second);
     second_ = second;
   }
+  // Up to a millisecond early, as that much of the time is cut off.
+  over_us_ = asked_us + (999 - now_ms % 1000) * 1000;
   return text_;
+}
+
+const std::string& clock::next() {
+  const long long at_us = wait_clock_or_0();
+  return at_us != 0 && at_us < over_us_ ? text_ : now();
 }
 
 }  // namespace muro::log_text

@@ -30,6 +30,7 @@ class log_output_test : public test::log_test {
     released.clear();
     sunk.clear();
   }
+  ~log_output_test() override { muro::x_relative_time = nullptr; }
 
   static void sink(const char* text, std::size_t length) { sunk.emplace_back(text, length); }
 
@@ -44,6 +45,22 @@ class log_output_test : public test::log_test {
     action();
     errlog::wait_for_flush();
     return testing::internal::GetCapturedStderr();
+  }
+
+  /// While each look at a clock takes a second.
+  static void log_a_and_b_in_one_batch() {
+    muro::x_relative_time = [] { return (++now_s - kStart_s) * 1000; };
+    const test::held_dumper one_batch;
+    fmt_dbg("").fmt_verbose("a");
+    fmt_dbg("").fmt_verbose("b");
+  }
+  static void expect_a_and_a_later_b(const std::string& lines) {
+    std::istringstream words(lines);
+    std::string a_time, a, b_time, b, more;
+    ASSERT_TRUE(words >> a_time >> a >> b_time >> b) << lines;
+    EXPECT_FALSE(words >> more) << lines;
+    EXPECT_EQ(a + b, "ab");
+    EXPECT_LT(a_time, b_time);
   }
 
   static std::string marker(int count, const std::string& at = kStart) {
@@ -73,16 +90,17 @@ TEST_F(log_output_test, echo_can_be_switched_off) {
   EXPECT_EQ(file(), line("main: a"));
 }
 
-TEST_F(log_output_test, lines_of_a_batch_have_one_time_in_file_and_echo) {
+TEST_F(log_output_test, each_line_of_a_batch_has_its_own_time_and_its_echo_the_same) {
   errlog::set_log_to_stderr(true);
-  muro::x_absolute_time = [] { return ++now_s * 1000; };
-  const std::string echo = stderr_of([] {
-    const test::held_dumper one_batch;
-    fmt_dbg("").fmt_verbose("a");
-    fmt_dbg("").fmt_verbose("b");
-  });
+  const std::string echo = stderr_of(log_a_and_b_in_one_batch);
   EXPECT_EQ(echo, file());
-  EXPECT_EQ(echo, "2024-02-29T12:00:01Z a\n2024-02-29T12:00:01Z b\n");
+  expect_a_and_a_later_b(echo);
+}
+
+TEST_F(log_output_test, each_line_of_a_batch_has_its_own_time_without_a_file_too) {
+  errlog::set_log_to_stderr(true);
+  muro::set_log_file_name("");
+  expect_a_and_a_later_b(stderr_of(log_a_and_b_in_one_batch));
 }
 
 TEST_F(log_output_test, echo_without_timestamps_has_the_escaped_texts_beside_a_file_with_them) {
