@@ -26,6 +26,8 @@ constinit system_calls calls{::fork, ::waitpid, ::kill};
 
 namespace {
 
+constexpr char kShell[] = "/bin/sh";
+
 /// Holds back every signal of the calling thread for its lifetime. Keeps errno.
 class signals_blocked {
  public:
@@ -77,10 +79,12 @@ child_plan::child_plan(const std::string& program, const std::vector<std::string
     : path_variable_(std::string("PATH=") + kChildPath),
       environment_(environment_with(path_variable_)),
       candidates_(candidates_for(program)) {
-  // execvp takes pointers to non-const and changes nothing.
+  // execve takes pointers to non-const and changes nothing.
   argv_.push_back(const_cast<char*>(program.c_str()));
   for (const std::string& arg : args) argv_.push_back(const_cast<char*>(arg.c_str()));
   argv_.push_back(nullptr);
+  shell_argv_ = {const_cast<char*>(kShell), nullptr};
+  shell_argv_.insert(shell_argv_.end(), argv_.begin() + 1, argv_.end());
   // Cut at its zero byte a text would name another program, or another file to it.
   const auto holds_zero = [](const std::string& text) { return text.find('\0') != text.npos; };
   runs_nothing_ = holds_zero(program) || std::any_of(args.begin(), args.end(), holds_zero);
@@ -129,7 +133,7 @@ void child_plan::keep_standard_descriptors() {
   open_ = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 }
 
-pid_t child_plan::start() const {
+pid_t child_plan::start() {
   const muro::effective_user_gate as_ourselves;
   const signals_blocked no_signals;
   const pid_t pid = calls.fork();
@@ -202,7 +206,7 @@ bool put_on(int descriptor, int target) noexcept {
 }  // namespace
 
 /// The whole life of the child.
-void child_plan::run() const noexcept {
+void child_plan::run() noexcept {
   close_others();
   if (input_ != -1 && !place_standard_descriptors()) die();
   inherit_kept();
@@ -213,14 +217,17 @@ void child_plan::run() const noexcept {
   die();
 }
 
-/// Returns only when nothing can be executed. The search through PATH is done by the parent, so that
-/// each name has a slash; of execvp, which is not on POSIX's list, only that is left which hands a
-/// script without a first line to the shell, on the stack.
-void child_plan::execute() const noexcept {
+/// What execvp does, from calls that are on POSIX's list: the search through PATH is the parent's, so
+/// that each name has a slash; a script without a first line goes to the shell. Returns only when
+/// nothing can be executed.
+void child_plan::execute() noexcept {
   if (runs_nothing_) return;
-  environ = const_cast<char**>(environment_.data());
-  for (const std::string& path : candidates_) {
-    ::execvp(path.c_str(), argv_.data());
+  for (std::string& path : candidates_) {
+    ::execve(path.c_str(), argv_.data(), environment_.data());
+    if (errno == ENOEXEC) {
+      shell_argv_[1] = path.data();
+      ::execve(kShell, shell_argv_.data(), environment_.data());
+    }
     if (!may_lie_elsewhere(errno)) return;
   }
 }

@@ -54,16 +54,17 @@ class child_plan {
   /// Forks. The parent gets the child's pid or -1 with errno of fork(2); the child carries out the
   /// plan and never returns. All signals wait meanwhile, so that no handler of the parent's runs in
   /// the child.
-  pid_t start() const;
+  pid_t start();
 
  private:
-  [[noreturn]] void run() const noexcept;
-  void execute() const noexcept;
+  [[noreturn]] void run() noexcept;
+  void execute() noexcept;
   void close_others() const noexcept;
   bool place_standard_descriptors() const noexcept;
   void inherit_kept() const noexcept;
 
-  std::vector<char*> argv_;  // null-terminated
+  std::vector<char*> argv_;        // null-terminated
+  std::vector<char*> shell_argv_;  // null-terminated; 1 is for the script's path
   std::string path_variable_;
   std::vector<char*> environment_;       // null-terminated
   std::vector<std::string> candidates_;  // the paths to try, in order

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Child processes: another program, started by fork and execvp, its standard input and output held
+/// Child processes: another program, started by fork and execve, its standard input and output held
 /// through pipes.
 ///
 ///     parent                                   child
