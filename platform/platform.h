@@ -106,6 +106,12 @@ std::uint64_t thread_number();
 /// descriptor table's size is closed.
 void close_descriptors(int first, int last) noexcept;
 
+/// Waits until the child `pid` has ended, reaped it is not; for at most `limit_ms` milliseconds.
+/// Signals neither cut the wait short nor draw it out. False, at once, where the end cannot be
+/// waited for: no such child, no descriptor left, or a system without the call, Linux before 5.3
+/// (pidfd_open(2); macOS: EVFILT_PROC of kevent(2)). errno is anything afterwards. Any thread.
+bool await_process_end(pid_t pid, int limit_ms) noexcept;
+
 // Calls on one entry of an open folder, for whoever works where others may write: a name is looked
 // up in the folder that the descriptor stands for, wherever that has been moved, and no link can be
 // put between the two. `folder` is a folder's descriptor, and `name` one name in it; or AT_FDCWD,

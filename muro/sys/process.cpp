@@ -16,6 +16,7 @@
 #include "muro/sys/pipe.h"
 #include "muro/sys/time.h"
 #include "platform/clock.h"
+#include "platform/platform.h"
 
 namespace muro {
 namespace {
@@ -128,19 +129,24 @@ int wait_until(pid_t pid, long long deadline_s) {
   return exit_code;
 }
 
-/// Gives a child that is about to end up to 100 ms, without reaping it. Not through `pause_us`, nor
-/// by a host's clock: this waits for something to happen and nearly always ends before its first
-/// step is over. Signals, the one of the child's own end too, only make the steps shorter.
-void await_end(pid_t pid) {
+/// Where the system cannot tell of a child's end, its state is looked at again and again. Not through
+/// `pause_us`, nor by a host's clock: this waits for something to happen and nearly always ends
+/// before its first step is over. Signals only make the steps shorter.
+void look_for_end(pid_t pid, int limit_ms) {
   constexpr int kStep_ms = 2;
-  constexpr long long kGrace_us = 100 * 1000;
-  const long long end_us = platform::monotonic_us() + kGrace_us;
+  const long long end_us = platform::monotonic_us() + limit_ms * 1000LL;
   do {
     siginfo_t ended{};
     if (::waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0) return;
     if (ended.si_pid == pid) return;
     ::poll(nullptr, 0, kStep_ms);
   } while (platform::monotonic_us() < end_us);
+}
+
+/// Gives a child that is about to end up to 100 ms, without reaping it.
+void await_end(pid_t pid) {
+  constexpr int kGrace_ms = 100;
+  if (!platform::await_process_end(pid, kGrace_ms)) look_for_end(pid, kGrace_ms);
 }
 
 }  // namespace

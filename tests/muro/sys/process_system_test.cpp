@@ -3,6 +3,8 @@
 #include <fstream>
 
 #include "muro/sys/process.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/forked.h"
 #include "tests/support/processes.h"
 #include "tests/support/signal_storm.h"
 #include "tests/support/stepping_clock.h"
@@ -274,6 +276,17 @@ TEST_F(system_immediate, does_not_wait_for_a_child_whose_exit_code_nobody_wants)
 TEST_F(system_immediate, child_that_ends_soon_after_its_output_is_waited_for) {
   EXPECT_EQ(run({"close-output", "8", "20"}), "");
   EXPECT_EQ(exit_code, 8);
+}
+
+TEST_F(system_immediate, child_that_ends_soon_is_waited_for_without_a_descriptor_too) {
+  EXPECT_TRUE(test::holds_in_a_fork([] {
+    process_priv::calls.fork = [] {
+      const pid_t pid = ::fork();
+      if (pid > 0) static const test::descriptor_limit none_for_the_wait(1);
+      return pid;
+    };
+    return run({"close-output", "8", "50"}).empty() && exit_code == 8;
+  }));
 }
 
 TEST_F(system_immediate, child_that_goes_on_after_its_output_is_killed_with_an_unknown_code) {
