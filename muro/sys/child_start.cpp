@@ -118,7 +118,7 @@ void child_plan::place(int input, int output, int error) {
   input_ = input;
   output_ = output;
   error_ = error;
-  open_.insert(open_.end(), {input, output, error == -1 ? STDERR_FILENO : error});
+  open_.insert(open_.end(), {input, output, error});
   std::sort(open_.begin(), open_.end());
 }
 
@@ -127,10 +127,6 @@ void child_plan::keep(const std::set<int>& descriptors) {
                [](int fd) { return ::fcntl(fd, F_GETFD) != -1; });
   open_.insert(open_.end(), kept_.begin(), kept_.end());
   std::sort(open_.begin(), open_.end());
-}
-
-void child_plan::keep_standard_descriptors() {
-  open_ = {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO};
 }
 
 pid_t child_plan::start() {
@@ -232,9 +228,10 @@ void child_plan::execute() noexcept {
   }
 }
 
-/// Closes every open descriptor but those of `open_`, gap by gap.
+/// Closes every open descriptor but those of `open_`, gap by gap. Of 0, 1 and 2 the pipes take the
+/// place, or they are inherited.
 void child_plan::close_others() const noexcept {
-  int first = 0;
+  int first = STDERR_FILENO + 1;
   for (const int fd : open_) {
     if (fd > first) platform::close_descriptors(first, fd - 1);
     first = std::max(first, fd + 1);

@@ -41,13 +41,11 @@ class child_plan {
   void run_in_program_folder(const std::string& program);
   /// Run in `folder`, which must outlive the plan, by the program's absolute path.
   void run_in_folder(const std::string& program, const std::string& folder);
-  /// Put these on 0, 1 and 2; an `error` of -1 leaves 2 as it is.
+  /// Put these on 0, 1 and 2; an `error` of -1 leaves 2 as it is. Without this call all three stay.
   void place(int input, int output, int error);
   /// Leave these open too, and not close-on-exec; those that are not open now are passed over, so
   /// that none of them is a number which this library takes later. Call before the pipes are made.
   void keep(const std::set<int>& descriptors);
-  /// Leave 0, 1 and 2 as they are.
-  void keep_standard_descriptors();
   /// Run the program in a grandchild, in a POSIX session of its own.
   void detach() { detached_ = true; }
 
@@ -71,7 +69,7 @@ class child_plan {
   std::string first_argument_;           // the replaced argument 0
   std::string program_folder_;
   const char* folder_ = nullptr;  // null: stay
-  std::vector<int> open_;         // not closed; sorted
+  std::vector<int> open_;         // not closed beside 0, 1 and 2; sorted
   std::vector<int> kept_;         // open_'s part that the caller asked for
   int input_ = -1;
   int output_ = -1;

@@ -284,7 +284,6 @@ int process::system(const std::string& program, const std::vector<std::string>& 
   const bool limited = timeout_s != -1;
   const long long deadline_s = limited ? deadline_after(timeout_s) : 0;
   child_plan plan(program, args);
-  plan.keep_standard_descriptors();
   if (!limited) plan.detach();
   const pid_t pid = plan.start();
   if (pid == -1) throw exception::function("system");
