@@ -6,7 +6,8 @@
 
 budget.json holds, for each entry, the instructions of one operation and how often it is run to be
 counted; or, for an entry with "calls", the system calls of one operation, without those for memory,
-for waiting and at a thread's end, which the program need not live to see, under strace. Of these none may be made more often than the table says, and none of
+for waiting and at a thread's end, which the program need not live to see, under strace; those of a
+child that becomes another program, up to there, begin with "child". Of these none may be made more often than the table says, and none of
 those in ONCE another number of times. The counts are those of this project's usual compiler, g++ 12 with -O2; they do not depend
 on the machine's speed or load. A change that needs fewer should store them.
 """
@@ -64,14 +65,47 @@ def traced(program, entry, times, strace):
         # The helper looks at every folder above itself, so there are always the same.
         copied = shutil.copy(program, folder)
         run = subprocess.run(
-            [strace, "-f", "-e", "trace=!%memory,futex,exit,rt_sigprocmask", "-e", "signal=none", "-o", log,
-             copied, entry, str(times)],
+            [strace, "-f", "-e", "trace=!%memory,futex,exit,rt_sigprocmask,restart_syscall",
+             "-e", "signal=none", "-o", log, copied, entry, str(times)],
             cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         if run.returncode != 0:
             raise Failed(f"{entry}: the program ended with {run.returncode}:\n{run.stdout}")
         with open(log) as file:
-            names = re.findall(r"^\d+ +(\w+)\(", file.read(), re.MULTILINE)
-    return collections.Counter(NAMES.get(name, name) for name in names)
+            return calls_in(file.read())
+
+
+def calls_in(log):
+    """Counts strace's lines by call; of a process that execs, or whose child does, up to there and
+    as "child CALL"."""
+    lines = [(line.split()[0], line) for line in log.splitlines()]
+    children = becoming_programs(lines)
+    counted, gone = collections.Counter(), set()
+    for pid, line in lines:
+        call = re.match(r"\d+ +(\w+)\(", line)
+        if not call or pid in gone:
+            continue
+        name = NAMES.get(call[1], call[1])
+        counted[f"child {name}" if pid in children else name] += 1
+        if pid in children and name == "execve":
+            gone.add(pid)
+    return counted
+
+
+def becoming_programs(lines):
+    """The forked processes that call execve, or whose children do."""
+    parents, forking, found = {}, set(), set()
+    for pid, line in lines:
+        if "SIGCHLD" in line and " clone" in line and "CLONE_THREAD" not in line:
+            forking.add(pid)
+        made = re.search(r" clone3?\b.* = (\d+)$", line)
+        if made and pid in forking:
+            forking.remove(pid)
+            parents[made[1]] = pid
+    for pid, line in lines:
+        while " execve(" in line and pid in parents:
+            found.add(pid)
+            pid = parents[pid]
+    return found
 
 
 def calls_verdict(entry, counted, budget):

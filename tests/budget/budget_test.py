@@ -86,6 +86,29 @@ class Calls(unittest.TestCase):
             os.chmod(path, stat.S_IRWXU)
             self.assertEqual(budget.count_calls(path, "entry", path), {"open": 1})
 
+    def test_a_childs_calls_count_apart_and_up_to_its_program(self):
+        self.assertEqual(budget.calls_in(
+            "7 close(3) = 0\n"
+            "7 clone(child_stack=NULL, flags=CLONE_CHILD_SETTID|SIGCHLD <unfinished ...>\n"
+            "8 close(3) = 0\n"
+            "7 <... clone resumed>, child_tidptr=0x7f) = 8\n"
+            "8 clone(child_stack=NULL, flags=CLONE_CHILD_SETTID|SIGCHLD, child_tidptr=0x7f) = 9\n"
+            "9 execve(\"/bin/true\", [], 0x7f <unfinished ...>\n"
+            "9 <... execve resumed>) = 0\n"
+            "9 openat(AT_FDCWD, \"/lib\", O_RDONLY) = 3\n"
+            "8 +++ killed by SIGKILL +++\n"),
+            {"close": 1, "clone": 1, "child close": 1, "child clone": 1, "child execve": 1})
+
+    def test_a_fork_that_becomes_no_program_is_part_of_the_operation(self):
+        self.assertEqual(budget.calls_in(
+            "7 clone(child_stack=NULL, flags=CLONE_CHILD_SETTID|SIGCHLD, child_tidptr=0x7f) = 8\n"
+            "8 close(3) = 0\n"), {"clone": 1, "close": 1})
+
+    def test_a_threads_calls_are_the_operations(self):
+        self.assertEqual(budget.calls_in(
+            "7 clone3({flags=CLONE_VM|CLONE_THREAD, exit_signal=0} => {parent_tid=[8]}, 88) = 8\n"
+            "8 write(1, \"x\", 1) = 1\n"), {"clone3": 1, "write": 1})
+
 
 class Table(unittest.TestCase):
     def test_every_entry_has_a_budget(self):
