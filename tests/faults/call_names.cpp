@@ -42,6 +42,7 @@ const std::map<std::uint64_t, call>& calls() {
       PLAIN(brk),
       PLAIN(close),
       PLAIN(close_range),
+      PLAIN(pidfd_open),
       PLAIN(dup),
       PLAIN(dup2),
       PLAIN(dup3),

@@ -47,7 +47,7 @@ ERRORS = {
     # Descriptors
     "pipe": ("EMFILE", "ENFILE"), "pipe2": ("EMFILE", "ENFILE"),
     "dup": ("EMFILE",), "dup2": ("EINTR", "EMFILE"), "dup3": ("EINTR", "EMFILE"),
-    "close_range": ("EMFILE", "ENOMEM", "ENOSYS"),
+    "close_range": ("EMFILE", "ENOMEM", "ENOSYS"), "pidfd_open": ("EMFILE", "ENOMEM", "ENOSYS"),
     "poll": ("EAGAIN", "EINTR", "ENOMEM"), "ppoll": ("EINTR", "ENOMEM"),
     # Sockets
     "socket": ("EACCES", "EMFILE", "ENOBUFS", "ENOMEM"),
