@@ -6,14 +6,14 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <chrono>
-#include <thread>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <thread>
 
 #include "platform/linux/content_copier.h"
 #include "platform/platform.h"
