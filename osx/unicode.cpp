@@ -141,7 +141,7 @@ struct utf8_converter {
       if (ascii == kEight) continue;
       do {
         decode_other(source, source_end, target);
-      } while (*source >= 0x80 && source < quick && target < target_end);
+      } while (source < quick && *source >= 0x80 && target < target_end);
     }
     while (source != source_end) {
       const sequence next = read_sequence(source, between(source, source_end));
@@ -169,7 +169,7 @@ struct utf32_converter {
       if (ascii == kEight) continue;
       do {
         encode_other(source, target);
-      } while (*source >= 0x80 && source < quick && target < room_end);
+      } while (source < quick && *source >= 0x80 && target < room_end);
     }
     for (; source != source_end; ++source) {
       const std::size_t length = encode(*source, target, between(target, target_end));

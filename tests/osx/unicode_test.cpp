@@ -38,9 +38,11 @@ const unsigned char* bytes_of(const std::string& utf8) {
   return reinterpret_cast<const unsigned char*>(utf8.data());
 }
 
+// From memory of exactly its size, so that a read past its end is seen under a sanitizer.
 runs decode_in_runs(const std::string& utf8) {
+  const std::vector<unsigned char> units(utf8.begin(), utf8.end());
   runs kept;
-  xstd::llvm_convert_utf8_to_native_utf32(bytes_of(utf8), utf8.size(), keep_code_points, &kept);
+  xstd::llvm_convert_utf8_to_native_utf32(units.data(), units.size(), keep_code_points, &kept);
   return kept;
 }
 
@@ -327,6 +329,27 @@ TEST(unicode, blocks_hold_256_whatever_stands_at_their_ends) {
       code_points expected;
       oracle_decode(utf8, expected);
       ASSERT_TRUE(seen.text == expected) << before;
+    }
+  }
+}
+
+TEST(unicode, ascii_and_a_run_at_the_end_of_a_block_are_kept) {
+  for (const char32_t wide : {U'\u20ac', U'\U0001f600'}) {
+    for (std::size_t before = 240; before <= 256; ++before) {
+      for (std::size_t ascii = 0; ascii <= 9; ++ascii) {
+        const code_points text =
+            code_points(before, U'\u00e9') + code_points(ascii, U'a') + code_points(20, wide);
+        EXPECT_EQ(decode(encode(text)), text) << before << " before, " << ascii << " of ASCII";
+      }
+    }
+  }
+}
+
+TEST(unicode, a_run_that_ends_the_text_is_not_read_past) {
+  for (const char32_t wide : {U'\u20ac', U'\U0001f600'}) {
+    for (std::size_t count = 1; count <= 40; ++count) {
+      const code_points text(count, wide);
+      EXPECT_EQ(decode(encode(text)), text) << count;
     }
   }
 }
