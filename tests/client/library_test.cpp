@@ -28,8 +28,7 @@ class client_library : public testing::Test {
     return path;
   }
 
-  const std::string name =
-      test::endpoint_name(testing::UnitTest::GetInstance()->current_test_info()->name());
+  const std::string name = test::endpoint_name();
   const test::temp_dir folder;
 };
 

@@ -3,21 +3,19 @@
 /// What the tests of endpoint and server share: names of endpoints that nobody else uses, and log
 /// lines as they are accepted.
 
-#include <unistd.h>
-
 #include <string>
 #include <vector>
 
 #include "ipc/socket.h"
 #include "muro/core/errlog.h"
+#include "tests/support/unique_name.h"
 
 namespace test {
 
 /// The name of an endpoint in /tmp that is this test's alone.
 inline std::string endpoint_name() {
-  static int count = 0;
   muro::init_make_socket();
-  return "korvel-test-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
+  return unique_name("korvel-test-");
 }
 
 inline std::string endpoint_path(const std::string& name) {

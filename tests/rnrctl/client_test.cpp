@@ -36,8 +36,7 @@ class client : public testing::Test {
     return exit_status::done;
   }
 
-  const std::string name =
-      test::endpoint_name(testing::UnitTest::GetInstance()->current_test_info()->name());
+  const std::string name = test::endpoint_name();
   std::string line;
 };
 

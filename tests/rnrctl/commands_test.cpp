@@ -98,8 +98,7 @@ class commands : public testing::Test {
     return rnrctl::rnrctl_main(given, out, err);
   }
 
-  const std::string name =
-      test::endpoint_name(testing::UnitTest::GetInstance()->current_test_info()->name());
+  const std::string name = test::endpoint_name();
   test::temp_dir folder;
   std::ostringstream out, err;
 };

@@ -17,6 +17,7 @@
 #include "ipc/socket.h"
 #include "muro/core/init.h"
 #include "muro/sys/unique_fd.h"
+#include "tests/support/unique_name.h"
 
 namespace test {
 
@@ -29,9 +30,9 @@ inline void start_runtime() {
   }();
 }
 
-/// An endpoint name that no other test process uses.
-inline std::string endpoint_name(const std::string& what) {
-  return "korvel_test_" + std::to_string(::getpid()) + "_" + what;
+/// An endpoint name that no other test uses.
+inline std::string endpoint_name() {
+  return unique_name("korvel_test_");
 }
 
 inline std::string endpoint_path(const std::string& name) {
