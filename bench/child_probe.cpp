@@ -1,7 +1,12 @@
 /// A child from its start to the end of its output and its exit code, at three limits for
 /// descriptors, beside posix_spawn, glib and popen; and the caller's time for a program that is let
-/// go, beside a bare double fork. What a fork costs grows with the memory that the process has
-/// written to: the report's context tells it, about that of the helper at work.
+/// go, beside a bare double fork. Contenders take turns; prints "CASE/CONTENDER SECONDS" lines, each
+/// the median of a turn. The driver is child_bench.py.
+///
+///     child_probe ROUNDS CASE...
+///
+/// What a fork costs grows with what the process has mapped and written to, so this one is no
+/// Google Benchmark program: it is linked as the helper is, and has no more mapped than that.
 ///
 /// The limit of the first rows is one bare fork and the calls that the work takes; of the last, a
 /// fork whose child ends at once: half a double fork.
@@ -13,10 +18,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "bench/support.h"
 #include "muro/core/init.h"
 #include "muro/sys/process.h"
 #include "muro/sys/unique_fd.h"
@@ -36,6 +47,18 @@ constexpr char kPrinted[] = "0\n";
 constexpr long kTimeout_s = 30;
 
 constexpr char kDetached[] = "/bin/true";
+
+[[noreturn]] void fail(const char* what) {
+  std::fprintf(stderr, "child_probe: %s\n", what);
+  std::exit(1);
+}
+
+template <class Work>
+double seconds(Work work) {
+  const auto begin = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
 
 /// The arguments as the C functions take them; none of them changes what they point to.
 char** arguments() {
@@ -147,30 +170,11 @@ void set_descriptor_limit(rlim_t limit) {
 
 /// As many as the kernel knows, where this process may ask for that; else what it may have.
 rlim_t most_descriptors() {
-  const rlim_t most = std::stoul(bench::content_of("/proc/sys/fs/nr_open"));
+  rlim_t most = 0;
+  std::ifstream("/proc/sys/fs/nr_open") >> most;
   const rlimit wanted{descriptor_limit().rlim_cur, most};
   ::setrlimit(RLIMIT_NOFILE, &wanted);
   return descriptor_limit().rlim_max;
-}
-
-void add_collecting(const std::string& row, const char* contender, rlim_t limit, collect how) {
-  bench::add(row, contender, [limit, how](benchmark::State& state) {
-    set_descriptor_limit(limit);
-    for (auto _ : state)
-      if (how() != kPrinted) return state.SkipWithError("wrong: another output");
-  })->UseRealTime();
-}
-
-void add_collecting_rows(const std::string& row, rlim_t limit) {
-  add_collecting(row, "ours", limit, ours);
-  add_collecting(row, "limit", limit, by_bare_fork);
-  add_collecting(row, "posix_spawn", limit, by_posix_spawn);
-  add_collecting(row, "popen", limit, by_popen);
-#ifdef KORVEL_BENCH_GLIB
-  add_collecting(row, "glib", limit, by_glib);
-#else
-  bench::add_missing(row, "glib");
-#endif
 }
 
 void start_detached() {
@@ -196,40 +200,80 @@ void fork_once() {
   ::waitpid(pid, &status, 0);
 }
 
-/// `programs` are left running by one start; this process inherits them, and lets them end before
-/// the next is timed.
-void add_detached(const char* contender, void (*start)(), int programs) {
-  bench::add("child/detached", contender, [start, programs](benchmark::State& state) {
-    for (auto _ : state) {
-      const bench::stopwatch watch;
-      start();
-      state.SetIterationTime(watch.seconds());
-      int left = 0;
-      while (::wait(nullptr) > 0) ++left;
-      if (left != programs) return state.SkipWithError("wrong: another number of programs");
-    }
-  })->UseManualTime();
+/// One start that is let go, timed. `programs` are left running by it; this process inherits them,
+/// and lets them end before the next is timed.
+double seconds_to_let_go(void (*start)(), int programs) {
+  const double took = seconds(start);
+  int left = 0;
+  while (::wait(nullptr) > 0) ++left;
+  if (left != programs) fail("wrong: another number of programs");
+  return took;
 }
 
-std::string written_memory() {
-  const std::string status = bench::content_of("/proc/self/status");
-  const std::size_t start = status.find_first_not_of(" \t", status.find("RssAnon:") + 8);
-  return status.substr(start, status.find('\n', start) - start);
+double seconds_to_collect(collect how) {
+  std::string printed;
+  const double took = seconds([&] { printed = how(); });
+  if (printed != kPrinted) fail("wrong: another output");
+  return took;
+}
+
+struct contender {
+  const char* name;
+  std::function<double()> once;
+};
+
+std::vector<contender> collecting() {
+  std::vector<contender> all = {{"ours", [] { return seconds_to_collect(ours); }},
+                                {"limit", [] { return seconds_to_collect(by_bare_fork); }},
+                                {"posix_spawn", [] { return seconds_to_collect(by_posix_spawn); }},
+                                {"popen", [] { return seconds_to_collect(by_popen); }}};
+#ifdef KORVEL_BENCH_GLIB
+  all.push_back({"glib", [] { return seconds_to_collect(by_glib); }});
+#endif
+  return all;
+}
+
+std::vector<contender> detaching() {
+  return {{"ours", [] { return seconds_to_let_go(start_detached, 1); }},
+          {"double fork", [] { return seconds_to_let_go(double_fork, 1); }},
+          {"limit", [] { return seconds_to_let_go(fork_once, 0); }}};
+}
+
+/// A turn of one contender; what the one before has left in the caches is not its burden.
+double median_of_a_turn(const contender& who) {
+  constexpr int kWarming = 3;
+  std::array<double, 31> took{};
+  for (int i = 0; i < kWarming; ++i) who.once();
+  std::generate(took.begin(), took.end(), who.once);
+  std::nth_element(took.begin(), took.begin() + took.size() / 2, took.end());
+  return took[took.size() / 2];
+}
+
+void measure(const std::string& row, const std::vector<contender>& all, std::size_t round) {
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const contender& who = all[(i + round) % all.size()];
+    std::printf("%s/%s %.9f\n", row.c_str(), who.name, median_of_a_turn(who));
+  }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc < 3) fail("wrong use");
   [[maybe_unused]] static const muro::init* const runtime = new muro::init;
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
-  const rlim_t most = most_descriptors();
-  benchmark::AddCustomContext("written memory", written_memory());
-  benchmark::AddCustomContext("most descriptors", std::to_string(most));
-  add_collecting_rows("child/limit_1024", 1024);
-  add_collecting_rows("child/limit_20000", 20000);
-  add_collecting_rows("child/limit_most", most);
-  add_detached("ours", start_detached, 1);
-  add_detached("double fork", double_fork, 1);
-  add_detached("limit", fork_once, 0);
-  return bench::run(argc, argv);
+  const std::vector<std::pair<std::string, rlim_t>> limits = {
+      {"child/limit_1024", 1024},
+      {"child/limit_20000", 20000},
+      {"child/limit_most", most_descriptors()}};
+  const auto is_wanted = [&](const std::string& row) {
+    return std::find(argv + 2, argv + argc, row) != argv + argc;
+  };
+  for (std::size_t round = 0; round < std::stoul(argv[1]); ++round) {
+    for (const auto& [row, limit] : limits) {
+      set_descriptor_limit(limit);
+      if (is_wanted(row)) measure(row, collecting(), round);
+    }
+    if (is_wanted("child/detached")) measure("child/detached", detaching(), round);
+  }
 }
