@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -134,6 +135,25 @@ int status_at(int folder, const char* name, struct stat& status, links which) no
 int make_folder_at(int folder, const char* name, mode_t mode) noexcept;
 /// Removes a file or link (unlink), or an empty folder (rmdir). Never follows a link.
 int remove_at(int folder, const char* name, entry_kind kind) noexcept;
+/// Removes the files of a tree that may be large, each as `remove_at` does. On Linux what the files
+/// held is given back by a second thread once many have gone; the destructor waits for it. Call from
+/// one thread.
+class file_remover {
+ public:
+  /// May throw `std::bad_alloc`.
+  file_remover();
+  ~file_remover();
+  file_remover(const file_remover&) = delete;
+  file_remover& operator=(const file_remover&) = delete;
+
+  /// Removes a file or link, as `remove_at(folder, name, entry_kind::file)`.
+  int remove(int folder, const char* name) noexcept;
+
+ private:
+  struct background;
+  std::unique_ptr<background> background_;
+};
+
 /// A stream of the entries in `folder`, at the beginning, on a descriptor of its own; null with
 /// errno. To be closed with closedir.
 DIR* open_stream(int folder) noexcept;

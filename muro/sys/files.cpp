@@ -196,9 +196,10 @@ bool is_folder_itself(const std::string& path) {
   return S_ISDIR(status.st_mode);
 }
 
-bool remove_step(const folder_walk& walk, bool is_folder) {
-  const auto kind = is_folder ? platform::entry_kind::folder : platform::entry_kind::file;
-  return platform::remove_at(walk.holder(), walk.name().c_str(), kind) == 0;
+bool remove_step(const folder_walk& walk, bool is_folder, platform::file_remover& files) {
+  const char* const name = walk.name().c_str();
+  if (!is_folder) return files.remove(walk.holder(), name) == 0;
+  return platform::remove_at(walk.holder(), name, platform::entry_kind::folder) == 0;
 }
 
 /// Deletes all that can be deleted in `folder`. Returns the `errno` of the last failure; 0: none.
@@ -206,12 +207,13 @@ int delete_entries(const std::string& folder) {
   constexpr int kItself = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
   using step = folder_walk::step;
   int failed = 0;
+  platform::file_remover files;
   folder_walk walk(unique_fd(platform::open_at(AT_FDCWD, os_path(folder), kItself)));
   for (step at = walk.next(); at != step::end; at = walk.next()) {
     if (at == step::folder) continue;
     if (at == step::lost) {
       failed = walk.error();
-    } else if (!remove_step(walk, at == step::left || walk.is_folder())) {
+    } else if (!remove_step(walk, at == step::left || walk.is_folder(), files)) {
       failed = errno;
     }
   }

@@ -92,6 +92,15 @@ int remove_at(int folder, const char* name, entry_kind kind) noexcept {
   return run_inside(folder, [&] { return is_folder ? ::rmdir(name) : ::unlink(name); });
 }
 
+struct file_remover::background {};
+
+file_remover::file_remover() = default;
+file_remover::~file_remover() = default;
+
+int file_remover::remove(int folder, const char* name) noexcept {
+  return remove_at(folder, name, entry_kind::file);
+}
+
 DIR* open_stream(int folder) noexcept {
   if (!calls().has_folder_calls()) {
     const inside here(folder);

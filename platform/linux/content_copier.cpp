@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <exception>
 #include <utility>
 
 namespace platform::detail {
@@ -48,29 +47,18 @@ bool copy_content(int from, int to, off_t size) {
 
 }  // namespace
 
-content_copier::content_copier(const std::optional<item_rights>& rights) : rights_(rights) {
-  waiting_.reserve(kRoom);
-}
-
-content_copier::~content_copier() {
-  finish();
-}
+content_copier::content_copier(const std::optional<item_rights>& rights)
+    : rights_(rights), thread_(kRoom, [this](file_copy file) { complete(std::move(file)); }) {}
 
 bool content_copier::copy(file_copy file) noexcept {
   taken_ += file.size;
-  if (taken_ >= kWorthAThread && !has_tried_) start_helper();
-  if (!hand_over(file)) complete(std::move(file));
+  if (taken_ >= kWorthAThread && !std::exchange(has_started_, true)) thread_.start();
+  if (!thread_.offer(file)) complete(std::move(file));
   return has_succeeded();
 }
 
 bool content_copier::finish() noexcept {
-  {
-    const std::lock_guard lock(mutex_);
-    is_closed_ = true;
-  }
-  changed_.notify_one();
-  help();
-  if (helper_.joinable()) helper_.join();
+  thread_.finish();
   return has_succeeded();
 }
 
@@ -81,47 +69,6 @@ bool content_copier::give_rights(int item, mode_t mode) noexcept {
     return true;
   lacks_rights_ = true;
   return ::fchmod(item, mode) == 0;
-}
-
-// Without a second thread the caller copies everything.
-void content_copier::start_helper() noexcept {
-  has_tried_ = true;
-  try {
-    helper_ = std::thread([this] { help(); });
-  } catch (const std::exception&) {
-    return;  // no thread, or no memory for one
-  }
-}
-
-// Ends when nothing waits and nothing more will come.
-void content_copier::help() noexcept {
-  std::unique_lock lock(mutex_);
-  for (;;) {
-    changed_.wait(lock, [this] { return !waiting_.empty() || is_closed_; });
-    std::optional<file_copy> file = take_locked();
-    if (!file) return;
-    lock.unlock();
-    complete(std::move(*file));
-    lock.lock();
-  }
-}
-
-bool content_copier::hand_over(file_copy& file) noexcept {
-  if (!helper_.joinable()) return false;
-  {
-    const std::lock_guard lock(mutex_);
-    if (waiting_.size() == kRoom) return false;
-    waiting_.push_back(std::move(file));
-  }
-  changed_.notify_one();
-  return true;
-}
-
-std::optional<file_copy> content_copier::take_locked() noexcept {
-  if (waiting_.empty()) return std::nullopt;
-  std::optional<file_copy> file(std::move(waiting_.back()));
-  waiting_.pop_back();
-  return file;
 }
 
 void content_copier::complete(file_copy file) noexcept {

@@ -1,22 +1,14 @@
 #pragma once
 
 /// The contents of a tree's files. Copying them is most of the work of copying a tree, and it needs
-/// nothing but two descriptors; so a second thread takes part in it once there is much to copy:
-///
-///     the caller: walks the tree, opens --> [ up to kRoom files ] --> the second thread
-///                        `--> copies one itself whenever there is no room
-///
-/// The second thread allocates nothing, throws nothing and never sees a path.
+/// nothing but two descriptors; so a second thread takes part in it once there is much to copy.
 
 #include <sys/types.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
-#include <thread>
-#include <vector>
 
+#include "platform/linux/second_thread.h"
 #include "platform/platform.h"
 #include "platform/posix/descriptor.h"
 
@@ -38,10 +30,6 @@ class content_copier {
 
   /// Throws `std::bad_alloc`.
   explicit content_copier(const std::optional<item_rights>& rights);
-  /// Waits for the second thread.
-  ~content_copier();
-  content_copier(const content_copier&) = delete;
-  content_copier& operator=(const content_copier&) = delete;
 
   /// Copies the content and gives the new file its rights, now or later. False with errno when this
   /// or an earlier file has failed; from then on no more are copied.
@@ -61,10 +49,6 @@ class content_copier {
   /// How many files wait at most. Each holds two descriptors.
   static constexpr std::size_t kRoom = 16;
 
-  void start_helper() noexcept;
-  void help() noexcept;
-  bool hand_over(file_copy& file) noexcept;
-  std::optional<file_copy> take_locked() noexcept;
   void complete(file_copy file) noexcept;
   bool has_succeeded() const noexcept;
 
@@ -73,12 +57,8 @@ class content_copier {
   std::atomic<int> error_{0};  // the errno of the first failure
 
   off_t taken_ = 0;
-  bool has_tried_ = false;  // to start the second thread
-  std::thread helper_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<file_copy> waiting_;  // guarded by mutex_
-  bool is_closed_ = false;          // guarded by mutex_: no more will come
+  bool has_started_ = false;
+  second_thread<file_copy> thread_;  // goes first, since it uses the others
 };
 
 }  // namespace platform::detail

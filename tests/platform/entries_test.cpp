@@ -126,6 +126,28 @@ TEST_F(entries, are_removed_by_their_kind) {
   EXPECT_EQ(names_in(folder.get()), (std::vector<std::string>{".", "..", "full"}));
 }
 
+TEST_F(entries, remover_removes_files_and_links_and_nothing_else) {
+  file("in/file");
+  fs::create_directories(at("in/folder"));
+  fs::create_directory_symlink(at("in/folder"), at("in/link"));
+  platform::file_remover files;
+  EXPECT_EQ(files.remove(folder.get(), "file"), 0);
+  EXPECT_EQ(files.remove(folder.get(), "link"), 0);
+  EXPECT_NE(error_of(files.remove(folder.get(), "folder")), 0);
+  EXPECT_EQ(error_of(files.remove(folder.get(), "file")), ENOENT);
+  EXPECT_EQ(names_in(folder.get()), (std::vector<std::string>{".", "..", "folder"}));
+}
+
+TEST_F(entries, remover_tells_each_of_many_files_that_is_there_or_not) {
+  constexpr int kMany = 1000;
+  for (int i = 0; i < kMany; i += 2) file("in/" + std::to_string(i));
+  platform::file_remover files;
+  for (int i = 0; i < kMany; ++i)
+    EXPECT_EQ(error_of(files.remove(folder.get(), std::to_string(i).c_str())),
+              i % 2 == 0 ? 0 : ENOENT);
+  EXPECT_EQ(names_in(folder.get()), (std::vector<std::string>{".", ".."}));
+}
+
 TEST_F(entries, are_listed_from_the_beginning_each_time) {
   file("in/a");
   EXPECT_EQ(names_in(folder.get()), (std::vector<std::string>{".", "..", "a"}));

@@ -138,10 +138,37 @@ TEST_F(files, delete_recursive_needs_neither_stack_nor_path_by_the_depth) {
   EXPECT_FALSE(there("tree"));
 }
 
-TEST_F(files, delete_recursive_empties_a_wide_folder) {
+namespace {
+
+std::ptrdiff_t threads() {
+  return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+}
+
+}  // namespace
+
+TEST_F(files, delete_recursive_empties_a_wide_folder_and_leaves_neither_thread_nor_descriptor) {
   make_folder("tree");
   for (int i = 0; i < 5000; ++i) make_file("tree/" + std::to_string(i));
+  const auto before = std::pair(threads(), open_descriptors());
   muro::delete_recursive(at("tree"));
+  EXPECT_EQ(std::pair(threads(), open_descriptors()), before);
+  EXPECT_FALSE(there("tree"));
+}
+
+TEST_F(files, delete_recursive_of_many_files_and_folders_does_with_few_descriptors) {
+  for (int i = 0; i < 100; ++i) {
+    const std::string folder = "tree/" + std::to_string(i) + "/";
+    make_folder(folder + "inner");
+    for (int file = 0; file < 10; ++file) make_file(folder + std::to_string(file));
+  }
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit before = limit;
+  limit.rlim_cur = std::min<rlim_t>(before.rlim_cur, open_descriptors() + 8);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const failure outcome = thrown([&] { muro::delete_recursive(at("tree")); });
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(outcome, kNone);
   EXPECT_FALSE(there("tree"));
 }
 
