@@ -65,11 +65,7 @@ void buffer::take(buffer& other, end where) {
   if (&other == this) return;
   refuse_beyond_limit(other.total_);
   views_.make_room(other.views_.size(), where);
-  const end from = where == end::back ? end::front : end::back;
-  while (!other.views_.empty()) {
-    views_.push(std::move(other.views_.at(from)), where);
-    other.views_.pop(from);
-  }
+  views_.take(other.views_, where);
   total_ += std::exchange(other.total_, 0);
 }
 

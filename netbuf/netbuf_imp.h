@@ -84,9 +84,7 @@ class chunk {
   chunk& operator=(const chunk&) = delete;
 
   /// What `writable` answers, for the growth of a view, which asks each time.
-  bool may_be_written() const noexcept {
-    return rights_ == memory_rights::writable && references() < 2;
-  }
+  bool may_be_written() const noexcept { return references() < shared_from_; }
 
   /// One reference more; the caller has one already.
   void inc() noexcept { references_.fetch_add(1); }
@@ -103,13 +101,16 @@ class chunk {
 
  protected:
   chunk(char* memory, std::int32_t capacity, memory_rights rights) noexcept
-      : memory_(memory), capacity_(capacity), rights_(rights) {}
+      : memory_(memory),
+        capacity_(capacity),
+        shared_from_(rights == memory_rights::writable ? 2 : 0) {}
 
  private:
   std::atomic<std::int32_t> references_{1};
   char* memory_;
   std::int32_t capacity_;
-  memory_rights rights_;
+  // The number of references from which on nobody writes: 0 where nobody ever may.
+  std::int32_t shared_from_;
 };
 
 /// A chunk that owns its memory: an item of the first size class that holds it, or a piece of the
@@ -157,19 +158,17 @@ class view {
  public:
   /// Takes over one reference that the caller has.
   view(chunk* owned, std::int32_t offset, std::int32_t length) noexcept
-      : chunk_(owned), offset_(offset), length_(length) {}
-  view(const view& other) noexcept
-      : chunk_(other.chunk_), offset_(other.offset_), length_(other.length_) {
+      : chunk_(owned), begin_(offset), end_(offset + length) {}
+  view(const view& other) noexcept : chunk_(other.chunk_), begin_(other.begin_), end_(other.end_) {
     if (chunk_ != nullptr) chunk_->inc();
   }
-  view(view&& other) noexcept
-      : chunk_(std::exchange(other.chunk_, nullptr)),
-        offset_(other.offset_),
-        length_(std::exchange(other.length_, 0)) {}
+  view(view&& other) noexcept : chunk_(other.chunk_), begin_(other.begin_), end_(other.end_) {
+    other.release();
+  }
   view& operator=(view other) noexcept {
     std::swap(chunk_, other.chunk_);
-    std::swap(offset_, other.offset_);
-    std::swap(length_, other.length_);
+    std::swap(begin_, other.begin_);
+    std::swap(end_, other.end_);
     return *this;
   }
   ~view() { dec(); }
@@ -182,42 +181,45 @@ class view {
 
   /// Hands the reference to the caller. The view is empty afterwards.
   chunk* release() noexcept {
-    length_ = 0;
+    end_ = begin_;
     return std::exchange(chunk_, nullptr);
   }
 
-  const char* data() const noexcept { return chunk_->memory() + offset_; }
-  std::int32_t length() const noexcept { return length_; }
-  std::int32_t offset() const noexcept { return offset_; }
+  const char* data() const noexcept { return chunk_->memory() + begin_; }
+  std::int32_t length() const noexcept { return end_ - begin_; }
+  std::int32_t offset() const noexcept { return begin_; }
   const chunk* get_chunk() const noexcept { return chunk_; }
 
   /// The bytes free behind and before the view's range, into which it may grow; 0 when the chunk
   /// may not be written.
   std::int32_t room_behind() const noexcept {
-    return chunk_->may_be_written() ? chunk_->capacity() - offset_ - length_ : 0;
+    return chunk_->may_be_written() ? chunk_->capacity() - end_ : 0;
   }
-  std::int32_t room_before() const noexcept { return chunk_->may_be_written() ? offset_ : 0; }
+  std::int32_t room_before() const noexcept { return chunk_->may_be_written() ? begin_ : 0; }
   std::int32_t room(end where) const noexcept {
     return where == end::back ? room_behind() : room_before();
   }
 
   /// Lengthens the view by `n` bytes of the room at that end; the address of those bytes.
   char* grow(std::int32_t n, end where) noexcept {
-    if (where == end::front) offset_ -= n;
-    length_ += n;
-    return chunk_->memory() + offset_ + (where == end::front ? 0 : length_ - n);
+    const std::int32_t from = where == end::front ? begin_ -= n : std::exchange(end_, end_ + n);
+    return chunk_->memory() + from;
   }
 
   /// Drops `n` bytes, fewer than the view has, at that end.
   void shrink(std::int32_t n, end where) noexcept {
-    if (where == end::front) offset_ += n;
-    length_ -= n;
+    if (where == end::front) {
+      begin_ += n;
+    } else {
+      end_ -= n;
+    }
   }
 
  private:
   chunk* chunk_;
-  std::int32_t offset_;
-  std::int32_t length_;
+  // Offsets into the chunk's memory. Each end moves by itself.
+  std::int32_t begin_;
+  std::int32_t end_;
 };
 static_assert(sizeof(view) == 16);
 

@@ -52,6 +52,15 @@ class view_queue {
     new (where == end::front ? --first_ : end_++) view(std::move(added));
   }
 
+  /// Moves the views of `other` to where room for them was made, in their order.
+  void take(view_queue& other, end where) noexcept {
+    if (where == end::front) first_ -= other.size();
+    view* const to = where == end::front ? first_ : end_;
+    if (where == end::back) end_ += other.size();
+    std::uninitialized_move(other.first_, other.end_, to);
+    other.end_ = other.first_;  // views that were moved hold nothing
+  }
+
   /// Removes the view at that end and gives up its reference.
   void pop(end where) noexcept { (where == end::front ? first_++ : --end_)->~view(); }
 
