@@ -39,7 +39,11 @@ class buffer {
   void take(buffer& other, end where);
 
   char* allocate(std::int32_t n, end where) {
-    return fits_end_view(n, where) ? grow_end_view(n, where) : allocate_beyond_view(n, where);
+    if (!only_end_view_grows(n)) return allocate_beyond_view(n, where);
+    view& grown = views_.at(where);
+    if (n > grown.room(where)) return allocate_beyond_view(n, where);
+    total_ += n;
+    return grown.grow(n, where);
   }
   char* allocate_some(std::int32_t minimum, std::int32_t maximum, end where, std::int32_t* length);
 
@@ -68,11 +72,11 @@ class buffer {
   // With this many views the next growth first makes one of them.
   static constexpr std::size_t view_count_to_compact = 129;
 
-  /// Whether growth by `n` is a matter of the end view alone: neither too long nor too many views
-  /// nor a chunk to be made.
-  bool fits_end_view(std::int32_t n, end where) noexcept {
-    return n > 0 && n <= std::numeric_limits<std::int32_t>::max() - total_ && !views_.empty() &&
-           views_.size() < view_count_to_compact && n <= views_.at(where).room(where);
+  /// Whether growth by `n` is a matter of the end view alone, if that has the room: neither too long
+  /// nor too many views. Without views one less than their number is more than any.
+  bool only_end_view_grows(std::int32_t n) const noexcept {
+    return n > 0 && total_ <= std::numeric_limits<std::int32_t>::max() - n &&
+           views_.size() - 1 < view_count_to_compact - 1;
   }
   char* grow_end_view(std::int32_t n, end where) noexcept {
     total_ += n;

@@ -9,6 +9,7 @@
 
 namespace {
 
+using netbuf_imp::after_copy;
 using netbuf_imp::buffer;
 using netbuf_imp::end;
 
@@ -34,45 +35,16 @@ constexpr netbuf_imp::operations no_table() {
 
 constinit netbuf_imp::operations g_operations = no_table();
 constinit bool g_installed = false;
-// Whether the installed table is the built-in one in every entry. What is done most then goes
-// straight to the object, with the same outcome.
-constinit bool g_built_in = false;
-
-// The object, when it may be reached that way; null when there is none or it is a host's.
-buffer* built_in(void* object) {
-  return g_built_in ? static_cast<buffer*>(object) : nullptr;
-}
-
-// Built in, an empty buffer gets its object when something is put into it.
-void* object_of_empty() {
-  return g_built_in ? nullptr : g_operations.create();
-}
-
-void* object_of_range(void* other, std::int32_t offset, std::int32_t length) {
-  if (const buffer* const from = built_in(other)) return new buffer(*from, offset, length);
-  if (other == nullptr) return object_of_empty();
-  return g_operations.create_range(other, offset, length);
-}
-
-// Kept out of the callers, whose usual way is short.
-[[gnu::noinline]] char* allocate_by_table(netbuf& self, std::int32_t n, end where) {
-  return g_operations.allocate(self.object(), n, where);
-}
 
 constexpr std::size_t skipped_entry = 22;
 constexpr std::size_t first_after_skipped = skipped_entry + 1;
 
 }  // namespace
 
+constinit bool netbuf::built_in_installed_ = false;
+
 const netbuf_imp::operations& netbuf_imp::installed_operations() {
   return g_operations;
-}
-
-std::int32_t netbuf_imp::checked_length(std::size_t bytes) {
-  if (bytes > static_cast<std::size_t>(netbuf::everything)) {
-    throw std::length_error("netbuf: too long");
-  }
-  return static_cast<std::int32_t>(bytes);
 }
 
 bool netbuf::install(void** table) {
@@ -83,7 +55,7 @@ bool netbuf::install(void** table) {
   std::memcpy(installed + first_after_skipped, table + first_after_skipped,
               (netbuf_imp::operation_count - first_after_skipped) * sizeof(void*));
   g_installed = true;
-  g_built_in = std::memcmp(&g_operations, &netbuf_impl, sizeof g_operations) == 0;
+  built_in_installed_ = std::memcmp(&g_operations, &netbuf_impl, sizeof g_operations) == 0;
   return true;
 }
 
@@ -91,14 +63,25 @@ void netbuf::init(const init_args& args) {
   g_operations.init(args.memory_checking, args.caching);
 }
 
-netbuf::netbuf() : object_(object_of_empty()) {}
+netbuf::netbuf() : object_(empty_object()) {}
 
 netbuf::netbuf(const netbuf& other) : netbuf(other, 0, everything) {}
 
 netbuf::netbuf(netbuf&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
 netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
-    : object_(object_of_range(other.object_, offset, length)) {}
+    : object_(other.share(offset, length)) {}
+
+// Built in, an empty buffer gets its object when something is put into it.
+void* netbuf::empty_object() {
+  return built_in_installed_ ? nullptr : g_operations.create();
+}
+
+void* netbuf::share(std::int32_t offset, std::int32_t length) const {
+  if (const buffer* const self = built_in()) return new buffer(*self, offset, length);
+  if (object_ == nullptr) return empty_object();
+  return g_operations.create_range(object_, offset, length);
+}
 
 // The new content is there before the old one goes, so that a failure leaves the old one, and a
 // buffer may be assigned to itself.
@@ -114,7 +97,7 @@ netbuf& netbuf::operator=(netbuf&& other) noexcept {
 }
 
 netbuf::~netbuf() {
-  if (buffer* const self = built_in(object_)) {
+  if (buffer* const self = built_in()) {
     delete self;
   } else if (object_ != nullptr) {
     g_operations.destroy(object_);
@@ -128,7 +111,7 @@ void* netbuf::object() {
 }
 
 std::int32_t netbuf::size() const {
-  if (const buffer* const self = built_in(object_)) return self->size();
+  if (const buffer* const self = built_in()) return self->size();
   return object_ == nullptr ? 0 : g_operations.size(object_);
 }
 
@@ -139,7 +122,7 @@ void netbuf::append(const netbuf& other) {
 // A host's table is asked for sharing alone: its entries that move content may be missing.
 void netbuf::append(netbuf&& other) {
   if (&other == this) return;
-  if (buffer* const given = built_in(other.object_)) {
+  if (buffer* const given = other.built_in()) {
     return static_cast<buffer*>(object())->take(*given, end::back);
   }
   append(other);
@@ -151,34 +134,19 @@ void netbuf::append(const std::string& s) {
   if (added != nullptr) s.copy(added, s.size());
 }
 
-char* netbuf::allocate_back(std::int32_t n) {
-  if (buffer* const self = built_in(object_)) return self->allocate(n, end::back);
-  return allocate_by_table(*this, n, end::back);
+char* netbuf::allocate_by_table(std::int32_t n, end where) {
+  return g_operations.allocate(object(), n, where);
 }
-
-char* netbuf::allocate_front(std::int32_t n) {
-  if (buffer* const self = built_in(object_)) return self->allocate(n, end::front);
-  return allocate_by_table(*this, n, end::front);
+void netbuf::erase_by_table(std::int32_t n, end where) {
+  if (object_ != nullptr) g_operations.erase(object_, n, where);
 }
-
-void netbuf::erase_front(std::int32_t n) {
-  if (buffer* const self = built_in(object_)) return self->erase(n, end::front);
-  if (object_ != nullptr) g_operations.erase(object_, n, end::front);
-}
-
-void netbuf::erase_back(std::int32_t n) {
-  if (buffer* const self = built_in(object_)) return self->erase(n, end::back);
-  if (object_ != nullptr) g_operations.erase(object_, n, end::back);
-}
-
-std::int32_t netbuf::copy_front(char* dest, std::int32_t n) const {
-  if (const buffer* const self = built_in(object_)) return self->copy_front(dest, n);
+std::int32_t netbuf::copy_front_by_table(char* dest, std::int32_t n) const {
   if (object_ == nullptr) return 0;
-  return g_operations.copy_out(object_, dest, n, end::front, netbuf_imp::after_copy::keep);
+  return g_operations.copy_out(object_, dest, n, end::front, after_copy::keep);
 }
 
 std::string netbuf::to_string() const {
-  if (buffer* const self = built_in(object_)) return self->to_string();
+  if (buffer* const self = built_in()) return self->to_string();
   std::int32_t length = 0;
   const char* data =
       object_ == nullptr ? nullptr : g_operations.pull_up(object_, everything, &length);

@@ -16,7 +16,8 @@
 /// (netbuf/operations.h). The table is process-wide, a host's or the built-in one
 /// (netbuf/netbuf_imp.h); it must be installed and initialised, on the main thread, before the
 /// first `netbuf` is made. `muro::init` does both. Making a buffer, or initialising, before a table
-/// is installed throws `std::logic_error` "netbuf: no operation table is installed".
+/// is installed throws `std::logic_error` "netbuf: no operation table is installed". What is done
+/// most is inline here and goes past the built-in table, straight to its object.
 ///
 /// Sizes, counts and offsets are signed 32-bit; 0x7fffffff means "everything". A change that would
 /// make a buffer longer than 0x7fffffff bytes throws `std::length_error` "netbuf: too long";
@@ -27,6 +28,8 @@
 
 #include <cstdint>
 #include <string>
+
+#include "netbuf/buffer.h"
 
 class netbuf {
  public:
@@ -109,7 +112,47 @@ class netbuf {
   void* object();
 
  private:
+  // The object, when it is the built-in table's: the outcome is the same as through the table. Null
+  // when there is none or it is a host's.
+  netbuf_imp::buffer* built_in() const noexcept {
+    return built_in_installed_ ? static_cast<netbuf_imp::buffer*>(object_) : nullptr;
+  }
+
+  static void* empty_object();
+  void* share(std::int32_t offset, std::int32_t length) const;
+  char* allocate_by_table(std::int32_t n, netbuf_imp::end where);
+  void erase_by_table(std::int32_t n, netbuf_imp::end where);
+  std::int32_t copy_front_by_table(char* dest, std::int32_t n) const;
+
+  // Whether the installed table is the built-in one in every entry; `install` sets it.
+  static bool built_in_installed_;
+
   // Null for an empty buffer whose object is not made yet: after the content was moved away, and
   // from the start with the built-in table.
   void* object_;
 };
+
+inline char* netbuf::allocate_back(std::int32_t n) {
+  if (netbuf_imp::buffer* const self = built_in()) return self->allocate(n, netbuf_imp::end::back);
+  return allocate_by_table(n, netbuf_imp::end::back);
+}
+
+inline char* netbuf::allocate_front(std::int32_t n) {
+  if (netbuf_imp::buffer* const self = built_in()) return self->allocate(n, netbuf_imp::end::front);
+  return allocate_by_table(n, netbuf_imp::end::front);
+}
+
+inline void netbuf::erase_front(std::int32_t n) {
+  if (netbuf_imp::buffer* const self = built_in()) return self->erase(n, netbuf_imp::end::front);
+  erase_by_table(n, netbuf_imp::end::front);
+}
+
+inline void netbuf::erase_back(std::int32_t n) {
+  if (netbuf_imp::buffer* const self = built_in()) return self->erase(n, netbuf_imp::end::back);
+  erase_by_table(n, netbuf_imp::end::back);
+}
+
+inline std::int32_t netbuf::copy_front(char* dest, std::int32_t n) const {
+  if (const netbuf_imp::buffer* const self = built_in()) return self->copy_front(dest, n);
+  return copy_front_by_table(dest, n);
+}

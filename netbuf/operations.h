@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 
 namespace netbuf_imp {
 
@@ -164,6 +165,9 @@ static_assert(sizeof(operations) == operation_count * sizeof(void*));
 const operations& installed_operations();
 
 /// `bytes` as a length. Throws `std::length_error` "netbuf: too long" beyond 0x7fffffff.
-std::int32_t checked_length(std::size_t bytes);
+inline std::int32_t checked_length(std::size_t bytes) {
+  if (bytes > 0x7fffffff) throw std::length_error("netbuf: too long");
+  return static_cast<std::int32_t>(bytes);
+}
 
 }  // namespace netbuf_imp
