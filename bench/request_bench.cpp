@@ -253,6 +253,7 @@ void add(const workload& load, const char* contender, const start_server& start)
                  }
                  state.SetIterationTime(fastest_s / load.requests);
                }
+               ::unlink(address.sun_path);  // the peers leave it
              })
       ->UseManualTime()
       ->Iterations(1);
