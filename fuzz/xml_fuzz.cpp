@@ -3,8 +3,8 @@
 //   c  code points of three bytes each, with any value
 //   d  a property list: pairs of lines, a key and a value; the value's first byte is its kind
 //   w  events of the writer, each up to a zero byte; the first byte is the event
-//   all else: a text to be escaped. The second byte puts a run of one character before it, so that
-//      the texts also lie across the ends of the converters' blocks
+//   all else: a text to be escaped. The second byte puts a run of one character, or of broken text,
+//      before it, so that the texts also lie across the ends of the converters' blocks
 //
 // For every input the product's text, in both modes of escaping, is byte for byte the one of a
 // second implementation (model_xml.h). Conversions hand on whole blocks and no empty one, split no
@@ -58,15 +58,15 @@ void check_to_utf8(const std::vector<unsigned>& code_points) {
   fuzz::require_equal(got, wanted, "code points become their UTF-8");
 }
 
-/// Nothing, some of one character of one to four bytes, or about a block of it.
+/// Nothing, some of one character of one to four bytes or of broken text, or about a block of it.
 std::string filler(unsigned char choice) {
-  static constexpr const char* kCharacters[] = {"a", "\xC3\xA9", "\xE2\x82\xAC",
-                                                "\xF0\x9D\x84\x9E"};
+  static constexpr const char* kUnits[] = {"a", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9D\x84\x9E",
+                                           "a\x80"};
   std::string out;
   if (choice < 128) return out;
   const unsigned step = choice / 4 % 16;
   for (unsigned count = choice < 192 ? 5 * step : 248 + step; count > 0; --count)
-    out += kCharacters[choice % 4];
+    out += kUnits[choice % 5];
   return out;
 }
 
