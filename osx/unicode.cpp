@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "muro/core/exception.h"
+#include "osx/unicode_broken.h"
 #include "osx/unicode_runs.h"
 #include "osx/unicode_sequence.h"
 #include "osx/unicode_step.h"
@@ -81,23 +82,56 @@ inline bool leads_fours(const unsigned char* source) {
   return true;
 }
 
-// Converts the character at `source`, which is no ASCII, or four of its kind; passes over a byte that
-// begins none.
-[[gnu::always_inline]] inline void decode_other(const unsigned char*& source,
+// The same for all the fours that follow each other, as far as there is room.
+inline utf8_place decode_runs(utf8_place from, const unsigned char* source_end,
+                              const unsigned int* target_end) {
+  auto [source, target] = from;
+  while (between(source, source_end) >= kRun && decode_run(source, target) && target < target_end) {
+  }
+  return {source, target};
+}
+
+// Broken bytes so close together are not passed over one at a time.
+constexpr std::size_t kCloseTogether = 32;
+
+// Converts the sequence at `from`, of which four bytes can be read, or a run of such; passes over
+// what is broken there. `broken` is where that was last.
+utf8_place decode_other(utf8_place from, const unsigned char* source_end,
+                        const unsigned int* target_end, const unsigned char*& broken) {
+  const utf8_place run_end = decode_runs(from, source_end, target_end);
+  if (run_end.source != from.source) return run_end;
+  const sequence next = read_sequence(from.source, 4);
+  if (next.length != sequence::kIllegal) {
+    *from.target = next.code_point;
+    return {from.source + next.length, from.target + 1};
+  }
+  const bool alone = between(broken, from.source) > kCloseTogether;
+  const utf8_place after = alone || between(from.source, source_end) < kBrokenReads
+                               ? utf8_place{from.source + 1, from.target}
+                               : pass_broken(from, source_end, target_end);
+  broken = after.source;
+  return after;
+}
+
+// Converts the ASCII that stands at `source`, up to eight characters of it, and what comes next.
+[[gnu::always_inline]] inline void decode_quick(const unsigned char*& source,
                                                 const unsigned char* source_end,
-                                                unsigned int*& target) {
-  if (*source < 0xC2) {
-    ++source;
+                                                unsigned int*& target,
+                                                const unsigned int* target_end,
+                                                const unsigned char*& broken) {
+  const std::size_t ascii = widen_ascii(source, target);
+  source += ascii;
+  target += ascii;
+  if (ascii == kEight) return;
+  const unsigned int lead = source[0] - 0xC2u, trail = source[1] - 0x80u;
+  if (lead < 0xE0 - 0xC2 && trail < 0xC0 - 0x80) [[likely]] {
+    *target++ = 0x80 + (lead << 6) + trail;
+    source += 2;
     return;
   }
-  if (between(source, source_end) >= kRun && decode_run(source, target)) return;
-  const sequence next = read_sequence(source, 4);
-  if (next.length == sequence::kIllegal) {
-    ++source;
-    return;
-  }
-  *target++ = next.code_point;
-  source += next.length;
+  const utf8_place next = decode_other({source, target}, source_end, target_end, broken);
+  source = next.source;
+  target = next.target;
 }
 
 // The same for the way back, into room for 16 bytes.
@@ -134,20 +168,20 @@ struct utf8_converter {
                                                 unsigned int*& target,
                                                 unsigned int* target_end) const {
     const unsigned char* const quick = quick_end(source, source_end);
+    const unsigned char* broken = source;
     while (source < quick && target < target_end) {
-      const std::size_t ascii = widen_ascii(source, target);
-      source += ascii;
-      target += ascii;
-      if (ascii == kEight) continue;
+      // A byte gives one code point at the most: the room need not be looked at until then.
+      const unsigned char* const stop =
+          source + std::min(between(source, quick), between(target, target_end));
       do {
-        decode_other(source, source_end, target);
-      } while (source < quick && *source >= 0x80 && target < target_end);
+        decode_quick(source, source_end, target, target_end, broken);
+      } while (source < stop);
     }
     while (source != source_end) {
+      if (target >= target_end) return step_result::target_exhausted;
       const sequence next = read_sequence(source, between(source, source_end));
       if (next.length == sequence::kIllegal) return step_result::source_illegal;
       if (next.length == sequence::kTruncated) return step_result::source_exhausted;
-      if (target >= target_end) return step_result::target_exhausted;
       *target++ = next.code_point;
       source += next.length;
     }
@@ -196,8 +230,7 @@ void drive(const In* source, const In* source_end, Callback callback, void* cont
     }
     const std::size_t ready = std::min(between(block, filled), BlockSize);
     if (ready != 0) callback(context, block, ready);
-    std::copy_n(block + ready, kOverrun, block);
-    filled -= ready;
+    filled = std::copy(block + ready, filled, block);
     if (result != step_result::target_exhausted) break;
   }
   if (filled != block) callback(context, block, between(block, filled));

@@ -61,34 +61,40 @@ inline __m128i is_four_byte_value(__m128i code_points) {
 
 }  // namespace lanes
 
-/// How many of eight units are ASCII, from the first on. The highest bit of each byte of `others`
-/// tells of one of them that it is not.
+/// How many of the lower eight bytes are ASCII, from the first on.
 ///
 /// Deliberate: found by branches, not computed. The processor goes on to what follows by its guess,
-/// and does not wait for the units.
-[[gnu::always_inline]] inline std::size_t count_ascii(std::uint64_t others) {
-  others &= 0x8080808080808080;
+/// and does not wait for the bytes.
+[[gnu::always_inline]] inline std::size_t count_ascii(__m128i bytes) {
+  const int others = _mm_movemask_epi8(bytes) & 0xFF;
   if (others == 0) return 8;
-  if ((others >> 7 & 1) != 0) return 0;
-  if ((others >> 15 & 1) != 0) return 1;
-  if ((others >> 23 & 1) != 0) return 2;
-  if ((others >> 31 & 1) != 0) return 3;
-  if ((others >> 39 & 1) != 0) return 4;
-  if ((others >> 47 & 1) != 0) return 5;
-  if ((others >> 55 & 1) != 0) return 6;
-  return 7;
+  if ((others & 0x0F) == 0) {
+    if ((others & 0x10) != 0) return 4;
+    if ((others & 0x20) != 0) return 5;
+    if ((others & 0x40) != 0) return 6;
+    return 7;
+  }
+  if ((others & 0x01) != 0) return 0;
+  if ((others & 0x02) != 0) return 1;
+  if ((others & 0x04) != 0) return 2;
+  return 3;
+}
+
+/// Writes the lower eight bytes as code points.
+[[gnu::always_inline]] inline void widen(__m128i bytes, unsigned int* target) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i units = _mm_unpacklo_epi8(bytes, zero);
+  lanes::store(target, _mm_unpacklo_epi16(units, zero));
+  lanes::store(target + 4, _mm_unpackhi_epi16(units, zero));
 }
 
 /// Writes the eight bytes at `source` to `target` as code points, and returns how many of them, from
 /// the first on, are ASCII; the others mean nothing.
 [[gnu::always_inline]] inline std::size_t widen_ascii(const unsigned char* source,
                                                       unsigned int* target) {
-  const __m128i zero = _mm_setzero_si128();
   const __m128i bytes = lanes::load_half(source);
-  const __m128i units = _mm_unpacklo_epi8(bytes, zero);
-  lanes::store(target, _mm_unpacklo_epi16(units, zero));
-  lanes::store(target + 4, _mm_unpackhi_epi16(units, zero));
-  return count_ascii(static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes)));
+  widen(bytes, target);
+  return count_ascii(bytes);
 }
 
 /// Reads 16 bytes; if the first 12 are four well-formed sequences of three bytes, writes their code
@@ -130,7 +136,7 @@ inline bool decode_four_of_four_bytes(const unsigned char* source, unsigned int*
   // is negative as a signed number.
   const __m128i bytes = _mm_or_si128(_mm_packus_epi16(units, units), _mm_packs_epi16(units, units));
   _mm_storel_epi64(reinterpret_cast<__m128i*>(target), bytes);
-  return count_ascii(static_cast<std::uint64_t>(_mm_cvtsi128_si64(bytes)));
+  return count_ascii(bytes);
 }
 
 /// If the four code points at `source` take three bytes each, writes these 12 bytes, and two more

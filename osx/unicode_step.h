@@ -20,8 +20,8 @@ enum class step_result {
 
 /// So many units more than `target_end` tells of can be written, and a step may leave `target` among
 /// them: what a block has too much begins the next. A quick step that has room for one unit left may
-/// write seven of ASCII and a run of four.
-constexpr std::size_t kOverrun = 7 + 4 - 1;
+/// write seven of ASCII and 64 of broken text.
+constexpr std::size_t kOverrun = 7 + 64 - 1;
 
 /// Converts from `source` up to `source_end` into the room from `target` up to `target_end`, and
 /// leaves both cursors behind the last sequence converted. A step may also pass over an illegal

@@ -345,6 +345,58 @@ TEST(unicode, ascii_and_a_run_at_the_end_of_a_block_are_kept) {
   }
 }
 
+// Broken text of every length up to some blocks, so that it begins and ends at each place of one.
+TEST(unicode, broken_text_is_read_as_the_oracle_reads_it_wherever_it_ends) {
+  std::mt19937 random(22);
+  for (std::size_t length = 0; length < 700; ++length) {
+    std::string utf8;
+    while (utf8.size() < length) {
+      utf8 += static_cast<char>(random() % 4 == 0 ? 0x80 + random() % 0x80 : 'a' + random() % 26);
+    }
+    code_points expected;
+    oracle_decode(utf8, expected);
+    const runs seen = decode_in_runs(utf8);
+    ASSERT_TRUE(seen.text == expected) << hex(utf8);
+    ASSERT_TRUE(std::all_of(seen.lengths.begin(), seen.lengths.end() - !seen.lengths.empty(),
+                            [](std::size_t each) { return each == 256; }));
+  }
+}
+
+TEST(unicode, broken_text_at_the_end_of_a_block_is_kept) {
+  for (const std::string broken : {"\xFF", "\x80zzzzzzz", "\xED\xA0\x80z"}) {
+    std::string rest = "\xFF" + std::string(63, 'z');
+    while (rest.size() < 400) rest += broken;
+    for (std::size_t before = 240; before <= 260; ++before) {
+      for (std::size_t ascii = 0; ascii <= 9; ++ascii) {
+        std::string utf8;
+        for (std::size_t i = 0; i < before; ++i) utf8 += "\xC3\xA9";
+        utf8 += std::string(ascii, 'a') + rest;
+        code_points expected;
+        oracle_decode(utf8, expected);
+        const runs seen = decode_in_runs(utf8);
+        ASSERT_TRUE(seen.text == expected) << before << " before, " << ascii << " of ASCII";
+        ASSERT_EQ(seen.lengths.front(), 256u);
+      }
+    }
+  }
+}
+
+// The bytes at which the rules turn, four in a row, at each place of 64 that are looked at together.
+TEST(unicode, every_four_edge_bytes_within_broken_text_are_read_as_the_oracle_reads_them) {
+  constexpr unsigned char kTurns[] = {0x41, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC1, 0xC2,
+                                      0xDF, 0xE0, 0xE1, 0xED, 0xEF, 0xF0, 0xF4, 0xF5, 0xFF};
+  constexpr unsigned kCount = sizeof kTurns;
+  comparison with_oracle;
+  for (unsigned bits = 0; bits < kCount * kCount * kCount * kCount; ++bits) {
+    std::string utf8 = "\xFF" + std::string(150, 'x');
+    const std::size_t at = 1 + bits % 71;
+    for (unsigned i = 0, left = bits; i < 4; ++i, left /= kCount) {
+      utf8[at + i] = static_cast<char>(kTurns[left % kCount]);
+    }
+    ASSERT_TRUE(with_oracle.agree(utf8));
+  }
+}
+
 TEST(unicode, a_run_that_ends_the_text_is_not_read_past) {
   for (const char32_t wide : {U'\u20ac', U'\U0001f600'}) {
     for (std::size_t count = 1; count <= 40; ++count) {
