@@ -1,7 +1,8 @@
 #include "osx/unicode.h"
 
 #include <algorithm>
-#include <bit>
+#include <cstdint>
+#include <cstring>
 
 #include "muro/core/exception.h"
 #include "osx/unicode_broken.h"
@@ -21,37 +22,22 @@ bool is_scalar_value(unsigned int code_point) {
   return code_point < 0xD800 || (code_point > 0xDFFF && code_point <= kLastCodePoint);
 }
 
-// Writes the sequence of one value, or that of the replacement character, and returns its length;
-// writes nothing and returns 0 where there is no room for it.
-[[gnu::always_inline]] inline std::size_t encode(unsigned int value, unsigned char* target,
-                                                 std::size_t room) {
-  const auto byte = [](unsigned int bits) { return static_cast<unsigned char>(bits); };
-  const auto six_bits = [&](int shift) { return byte(0x80 | (value >> shift & 0x3F)); };
-  if (value < 0x80) {
-    if (room < 1) return 0;
-    target[0] = byte(value);
-    return 1;
-  }
-  if (value < 0x800) {
-    if (room < 2) return 0;
-    target[0] = byte(0xC0 | value >> 6);
-    target[1] = six_bits(0);
-    return 2;
-  }
+// Writes the sequence of one value, or that of the replacement character, and returns its length.
+// Four bytes are written, of which those count; the processor puts the lowest first.
+[[gnu::always_inline]] inline std::size_t encode(unsigned int value, unsigned char* target) {
+  const auto six_bits = [&](int shift) { return 0x80 | (value >> shift & 0x3F); };
+  const auto write = [&](std::uint32_t bytes, std::size_t length) {
+    std::memcpy(target, &bytes, sizeof bytes);
+    return length;
+  };
+  if (value < 0x80) return write(value, 1);
+  if (value < 0x800) return write(0xC0 | value >> 6 | six_bits(0) << 8, 2);
   if (!is_scalar_value(value)) value = kReplacement;
-  if (value < 0x10000) {
-    if (room < 3) return 0;
-    target[0] = byte(0xE0 | value >> 12);
-    target[1] = six_bits(6);
-    target[2] = six_bits(0);
-    return 3;
+  if (value < 0x10000) [[likely]] {
+    return write(0xE0 | value >> 12 | six_bits(6) << 8 | six_bits(0) << 16, 3);
   }
-  if (room < 4) return 0;
-  target[0] = byte(0xF0 | value >> 18);
-  target[1] = six_bits(12);
-  target[2] = six_bits(6);
-  target[3] = six_bits(0);
-  return 4;
+  const unsigned int first_two = 0xF0 | value >> 18 | six_bits(12) << 8;
+  return write(first_two | six_bits(6) << 16 | six_bits(0) << 24, 4);
 }
 
 template <class T>
@@ -134,19 +120,38 @@ utf8_place decode_other(utf8_place from, const unsigned char* source_end,
   target = next.target;
 }
 
-// The same for the way back, into room for 16 bytes.
-[[gnu::always_inline]] inline void encode_other(const unsigned int*& source,
-                                                unsigned char*& target) {
+// Writes four values that take three (four) bytes each; false where there are no such.
+[[gnu::always_inline]] inline bool encode_run(const unsigned int*& source, unsigned char*& target) {
   const bool threes = *source < 0x10000;
-  // One that stands alone is not worth a try.
-  if (*source >= 0x800 && source[1] >= 0x800 &&
-      (threes ? encode_four_in_three_bytes(source, target)
-              : encode_four_in_four_bytes(source, target))) {
-    source += 4;
-    target += threes ? 12 : 16;
-    return;
+  if (!(threes ? encode_four_in_three_bytes(source, target)
+               : encode_four_in_four_bytes(source, target))) {
+    return false;
   }
-  target += encode(*source++, target, kRun);
+  source += 4;
+  target += threes ? 12 : 16;
+  return true;
+}
+
+// Writes the ASCII that stands at `source`, up to eight characters of it, and what comes next.
+[[gnu::always_inline]] inline void encode_quick(const unsigned int*& source,
+                                                const unsigned int* quick, unsigned char*& target,
+                                                const unsigned char* room_end) {
+  const std::size_t ascii = narrow_ascii(source, target);
+  source += ascii;
+  target += ascii;
+  if (ascii == kEight) return;
+  const unsigned int value = *source;
+  // One that stands alone is not worth a try.
+  if (value >= 0x800 && source[1] >= 0x800) [[unlikely]] {
+    if (encode_run(source, target)) return;
+  }
+  ++source;
+  target += encode(value, target);
+  if (value >= 0x800) return;
+  // One of two bytes often has others after it.
+  while (source < quick && target < room_end && *source - 0x80 < 0x800 - 0x80) {
+    target += encode(*source++, target);
+  }
 }
 
 // What the quick loops read from where they stand: up to seven ASCII characters, and a sequence or
@@ -197,17 +202,12 @@ struct utf32_converter {
     const unsigned int* const quick = quick_end(source, source_end);
     unsigned char* const room_end = target_end - std::min(between(target, target_end), kRoom - 1);
     while (source < quick && target < room_end) {
-      const std::size_t ascii = narrow_ascii(source, target);
-      source += ascii;
-      target += ascii;
-      if (ascii == kEight) continue;
-      do {
-        encode_other(source, target);
-      } while (source < quick && *source >= 0x80 && target < room_end);
+      encode_quick(source, quick, target, room_end);
     }
     for (; source != source_end; ++source) {
-      const std::size_t length = encode(*source, target, between(target, target_end));
-      if (length == 0) return step_result::target_exhausted;
+      // What goes beyond the end is written again into the next block.
+      const std::size_t length = encode(*source, target);
+      if (length > between(target, target_end)) return step_result::target_exhausted;
       target += length;
     }
     return step_result::ok;

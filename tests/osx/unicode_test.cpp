@@ -447,6 +447,26 @@ TEST(unicode, written_runs_end_between_sequences) {
   }
 }
 
+TEST(unicode, written_blocks_are_at_most_1024_bytes_whatever_stands_at_their_ends) {
+  for (const char32_t wide : {0xE9u, 0x20ACu, 0x1F600u, 0xD800u, 0x110000u}) {
+    for (std::size_t before = 990; before <= 1024; ++before) {
+      for (std::size_t ascii = 0; ascii <= 9; ++ascii) {
+        const code_points text =
+            code_points(before, U'x') + wide + code_points(ascii, U'a') + code_points(20, wide);
+        const std::string one = encode(code_points(1, wide));
+        std::string expected = std::string(before, 'x') + one + std::string(ascii, 'a');
+        for (int i = 0; i < 20; ++i) expected += one;
+        const std::vector<std::string> written = encode_in_runs(text);
+        ASSERT_EQ(written.size(), 2u);
+        ASSERT_LE(written[0].size(), 1024u);
+        ASSERT_GT(written[0].size(), 1024u - one.size());
+        ASSERT_EQ(written[0] + written[1], expected) << before << " before, " << ascii << " after";
+        ASSERT_NE(written[1][0] & 0xC0, 0x80) << "a sequence is split";
+      }
+    }
+  }
+}
+
 TEST(unicode, well_formed_text_is_converted_as_icu_converts_it) {
 #ifdef KORVEL_HAVE_ICU
   std::mt19937 random(21);
