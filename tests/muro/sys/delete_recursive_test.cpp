@@ -17,6 +17,7 @@
 #include "platform/platform.h"
 #include "tests/muro/sys/files_support.h"
 #include "tests/muro/sys/replaced.h"
+#include "tests/support/thread_count.h"
 
 namespace {
 
@@ -138,20 +139,14 @@ TEST_F(files, delete_recursive_needs_neither_stack_nor_path_by_the_depth) {
   EXPECT_FALSE(there("tree"));
 }
 
-namespace {
-
-std::ptrdiff_t threads() {
-  return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
-}
-
-}  // namespace
-
 TEST_F(files, delete_recursive_empties_a_wide_folder_and_leaves_neither_thread_nor_descriptor) {
   make_folder("tree");
   for (int i = 0; i < 5000; ++i) make_file("tree/" + std::to_string(i));
-  const auto before = std::pair(threads(), open_descriptors());
+  const auto threads = test::thread_count();
+  const auto descriptors = open_descriptors();
   muro::delete_recursive(at("tree"));
-  EXPECT_EQ(std::pair(threads(), open_descriptors()), before);
+  EXPECT_TRUE(test::threads_come_down_to(threads));
+  EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_FALSE(there("tree"));
 }
 

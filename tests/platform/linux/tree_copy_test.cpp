@@ -8,16 +8,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <thread>
 
 #include "platform/linux/content_copier.h"
 #include "platform/platform.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/thread_count.h"
 
 namespace fs = std::filesystem;
 using platform::copy_item;
@@ -185,15 +184,11 @@ TEST_F(tree_copy, takes_the_content_of_a_file_that_tells_no_size) {
 
 TEST_F(tree_copy, of_a_large_tree_is_whole_and_leaves_neither_thread_nor_descriptor) {
   make_large_tree();
-  std::thread([] {}).join();  // a sanitizer starts one of its own with a program's first
   const auto descriptors = entries_in("/proc/self/fd");
-  const auto threads = entries_in("/proc/self/task");
+  const auto threads = test::thread_count();
   EXPECT_TRUE(copy_open(at("large"), at("to")).has_rights);
   EXPECT_EQ(entries_in("/proc/self/fd"), descriptors);
-  // The kernel lets go of a thread's number a moment after it is joined.
-  for (int i = 0; i < 1000 && entries_in("/proc/self/task") > threads; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_LE(entries_in("/proc/self/task"), threads);
+  EXPECT_TRUE(test::threads_come_down_to(threads));
   expect_large_tree_copied();
 }
 
