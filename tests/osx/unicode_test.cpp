@@ -370,7 +370,7 @@ TEST(unicode, broken_text_at_the_end_of_a_block_is_kept) {
       for (std::size_t ascii = 0; ascii <= 9; ++ascii) {
         std::string utf8;
         for (std::size_t i = 0; i < before; ++i) utf8 += "\xC3\xA9";
-        utf8 += std::string(ascii, 'a') + rest;
+        utf8 += "\xFF" + std::string(ascii, 'a') + rest;
         code_points expected;
         oracle_decode(utf8, expected);
         const runs seen = decode_in_runs(utf8);
