@@ -132,7 +132,7 @@ void on_a_small_stack(const std::function<void()>& action) {
 }  // namespace
 
 TEST_F(files, delete_recursive_needs_neither_stack_nor_path_by_the_depth) {
-  make_deep_tree(at("tree"), 20000);
+  make_deep_tree(at("tree"), 4000);
   failure outcome{"not run", 0};
   on_a_small_stack([&] { outcome = thrown([&] { muro::delete_recursive(at("tree")); }); });
   EXPECT_EQ(outcome, kNone);

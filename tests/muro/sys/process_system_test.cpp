@@ -285,7 +285,7 @@ TEST_F(system_immediate, child_that_ends_soon_is_waited_for_without_a_descriptor
       if (pid > 0) static const test::descriptor_limit none_for_the_wait(1);
       return pid;
     };
-    return run({"close-output", "8", "50"}).empty() && exit_code == 8;
+    return run({"close-output", "8", "20"}).empty() && exit_code == 8;
   }));
 }
 
@@ -299,7 +299,7 @@ TEST_F(system_immediate, child_that_goes_on_after_its_output_is_killed_with_an_u
 
 TEST_F(system_immediate, child_that_ends_soon_has_its_time_under_signals_too) {
   const test::signal_storm storm;
-  EXPECT_EQ(run({"close-output", "8", "60"}), "");
+  EXPECT_EQ(run({"close-output", "8", "20"}), "");
   EXPECT_EQ(exit_code, 8);
 }
 
