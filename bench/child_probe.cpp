@@ -242,7 +242,7 @@ std::vector<contender> detaching() {
 /// A turn of one contender; what the one before has left in the caches is not its burden.
 double median_of_a_turn(const contender& who) {
   constexpr int kWarming = 3;
-  std::array<double, 31> took{};
+  std::array<double, 61> took{};
   for (int i = 0; i < kWarming; ++i) who.once();
   std::generate(took.begin(), took.end(), who.once);
   std::nth_element(took.begin(), took.begin() + took.size() / 2, took.end());
