@@ -14,7 +14,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -25,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/probe.h"
 #include "front/session_folder.h"
 #include "muro/sys/files.h"
 #include "muro/sys/unique_fd.h"
@@ -34,6 +34,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using bench::seconds;
+
 constexpr const char* kBundle = "/Applications/Korvel.app";
 constexpr uid_t kRoot = 0;
 constexpr gid_t kAdmin = 80;
@@ -41,13 +43,6 @@ constexpr gid_t kAdmin = 80;
 [[noreturn]] void fail(const std::string& what) {
   std::fprintf(stderr, "bundle_probe: %s\n", what.c_str());
   std::exit(1);
-}
-
-template <class Work>
-double seconds(Work work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
 void run(std::vector<std::string> words) {

@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -28,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/probe.h"
 #include "muro/core/init.h"
 #include "muro/sys/process.h"
 #include "muro/sys/unique_fd.h"
@@ -38,6 +38,8 @@
 extern char** environ;
 
 namespace {
+
+using bench::seconds;
 
 // What the helper itself collects: a user's number.
 constexpr char kProgram[] = "/usr/bin/id";
@@ -51,13 +53,6 @@ constexpr char kDetached[] = "/bin/true";
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "child_probe: %s\n", what);
   std::exit(1);
-}
-
-template <class Work>
-double seconds(Work work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
 /// The arguments as the C functions take them; none of them changes what they point to.

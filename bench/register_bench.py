@@ -13,6 +13,7 @@ import korvel  # noqa: E402
 from korvel_mac import KorvelMac  # noqa: E402
 
 MS = 1e6
+NS = 1e9
 # Behind launchctl 100 ms and behind an installation 200; before a removal 3,000, while `rm` is waited
 # for 100 (in which it ends), behind it 100.
 REGISTER_PAUSES_MS = 100 + 200
@@ -26,7 +27,7 @@ def one_round(mac, probe):
     if done.status != 0:
         raise RuntimeError(done.text + done.error_text)
     pairs = [line.split() for line in done.text.splitlines()]       # and what `id` prints
-    return {pair[0]: float(pair[1]) * 1000 for pair in pairs if len(pair) == 2}
+    return {pair[0]: float(pair[1]) * NS for pair in pairs if len(pair) == 2}
 
 
 def main():

@@ -1,27 +1,19 @@
 /// Runs in a Mac root: what registering and resigning take a client, and what the child takes that
-/// the helper waits for. Prints "NAME MICROSECONDS" lines; the driver is register_bench.py.
+/// the helper waits for. Prints "NAME SECONDS" lines; the driver is register_bench.py.
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "bench/probe.h"
 #include "client/korvel_rnr.h"
 
 namespace {
-
-template <class Work>
-double microseconds(Work work) {
-  const auto begin = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - begin)
-      .count();
-}
 
 void run(const std::vector<std::string>& words) {
   std::vector<char*> argv;
@@ -43,11 +35,11 @@ void require(korvel_rnr_status status) {
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const char* const file = argv[1];
-  std::printf("id %f\n", microseconds([] { run({"id", "-u", "alice"}); }));
-  std::printf("register %f\n", microseconds([file] {
+  std::printf("id %.9f\n", bench::seconds([] { run({"id", "-u", "alice"}); }));
+  std::printf("register %.9f\n", bench::seconds([file] {
                 require(korvel_rnr_register(KORVEL_RNR_SHARED_ENDPOINT, file, 60000));
               }));
-  std::printf("resign %f\n", microseconds([file] {
+  std::printf("resign %.9f\n", bench::seconds([file] {
                 require(korvel_rnr_resign(KORVEL_RNR_SHARED_ENDPOINT, file, 60000));
               }));
 }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <set>
 
 #include "muro/sys/files.h"
 #include "muro/sys/files_internal.h"
@@ -17,6 +17,7 @@
 #include "platform/platform.h"
 #include "tests/muro/sys/files_support.h"
 #include "tests/muro/sys/replaced.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/thread_count.h"
 
 namespace {
@@ -28,12 +29,14 @@ using test::failure;
 using test::files;
 using test::files_of_a_user;
 using test::kNone;
+using test::open_descriptors;
 using test::replaced;
 using test::thrown;
 
-std::size_t open_descriptors() {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+failure thrown_with_few_descriptors(const std::function<void()>& action) {
+  constexpr int kFew = 8;
+  const test::descriptor_limit limit(*test::open_descriptors().rbegin() + 1 + kFew);
+  return thrown(action);
 }
 
 }  // namespace
@@ -85,14 +88,7 @@ TEST_F(files, delete_recursive_needs_one_descriptor_whatever_the_depth) {
   std::string path = at("tree");
   fs::create_directory(path);
   for (int level = 0; level < 300; ++level) fs::create_directory(path += "/d");
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit before = limit;
-  limit.rlim_cur = std::min<rlim_t>(before.rlim_cur, open_descriptors() + 8);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const failure outcome = thrown([&] { muro::delete_recursive(at("tree")); });
-  ::setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_EQ(outcome, kNone);
+  EXPECT_EQ(thrown_with_few_descriptors([&] { muro::delete_recursive(at("tree")); }), kNone);
   EXPECT_FALSE(there("tree"));
 }
 
@@ -156,14 +152,7 @@ TEST_F(files, delete_recursive_of_many_files_and_folders_does_with_few_descripto
     make_folder(folder + "inner");
     for (int file = 0; file < 10; ++file) make_file(folder + std::to_string(file));
   }
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit before = limit;
-  limit.rlim_cur = std::min<rlim_t>(before.rlim_cur, open_descriptors() + 8);
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-  const failure outcome = thrown([&] { muro::delete_recursive(at("tree")); });
-  ::setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_EQ(outcome, kNone);
+  EXPECT_EQ(thrown_with_few_descriptors([&] { muro::delete_recursive(at("tree")); }), kNone);
   EXPECT_FALSE(there("tree"));
 }
 
@@ -184,7 +173,7 @@ TEST_F(files, a_closed_stream_is_not_closed_again) {
 
 TEST_F(files, delete_recursive_leaks_no_descriptor) {
   make_folder("tree/a/b");
-  const std::size_t before = open_descriptors();
+  const std::set<int> before = open_descriptors();
   muro::delete_recursive(at("tree"));
   EXPECT_EQ(open_descriptors(), before);
 }
