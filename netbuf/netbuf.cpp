@@ -137,9 +137,11 @@ void netbuf::append(const std::string& s) {
 char* netbuf::allocate_by_table(std::int32_t n, end where) {
   return g_operations.allocate(object(), n, where);
 }
+
 void netbuf::erase_by_table(std::int32_t n, end where) {
   if (object_ != nullptr) g_operations.erase(object_, n, where);
 }
+
 std::int32_t netbuf::copy_front_by_table(char* dest, std::int32_t n) const {
   if (object_ == nullptr) return 0;
   return g_operations.copy_out(object_, dest, n, end::front, after_copy::keep);

@@ -135,6 +135,7 @@ int status_at(int folder, const char* name, struct stat& status, links which) no
 int make_folder_at(int folder, const char* name, mode_t mode) noexcept;
 /// Removes a file or link (unlink), or an empty folder (rmdir). Never follows a link.
 int remove_at(int folder, const char* name, entry_kind kind) noexcept;
+
 /// Removes the files of a tree that may be large, each as `remove_at` does. On Linux what the files
 /// held is given back by a second thread once many have gone; the destructor waits for it. Call from
 /// one thread.
