@@ -14,6 +14,7 @@
 #include "fuzz/model_xml.h"
 
 #include "fuzz/target.h"
+#include "osx/plist_document.h"
 #include "osx/property_list.h"
 #include "osx/unicode.h"
 #include "osx/xml_writer.h"
@@ -105,17 +106,25 @@ std::vector<std::string> items_of(std::string_view list) {
   return items;
 }
 
-/// One pair, by the product and (appended to `model`) by the second implementation.
-muro::plist_elem pair(const std::string& key, std::string_view value, std::string& model) {
+std::vector<std::string> strings_of(const std::vector<const char*>& null_terminated) {
+  return {null_terminated.begin(), null_terminated.end() - 1};
+}
+
+/// One pair, by the product, added to `document` too, and (appended to `model`) by the second
+/// implementation.
+muro::plist_elem pair(const std::string& key, std::string_view value,
+                      muro::plist_document& document, std::string& model) {
   const char kind = value.empty() ? '\0' : value[0];
   const std::string text(value.substr(value.empty() ? 0 : 1));
   model += fuzz::xml_element("key", key) + "\n";
   if (kind == 't' || kind == 'f') {
     model += kind == 't' ? "<true/>" : "<false/>";
+    document.add_bool(key, kind == 't');
     return {key, kind == 't'};
   }
   if (kind != 'a' && kind != 'c') {
     model += fuzz::xml_element("string", text);
+    document.add_string(key, text);
     return {key, text};
   }
   const std::vector<std::string> items = items_of(text);
@@ -127,11 +136,13 @@ muro::plist_elem pair(const std::string& key, std::string_view value, std::strin
   }
   pointers.push_back(nullptr);
   model += "</array>";
+  document.add_strings(key, kind == 'a' ? items : strings_of(pointers));
   return kind == 'a' ? muro::plist_elem(key, items) : muro::plist_elem(key, pointers.data());
 }
 
 void check_document(fuzz::input in) {
   std::vector<muro::plist_elem> pairs;
+  muro::plist_document document;
   std::string model =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
       "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
@@ -139,11 +150,13 @@ void check_document(fuzz::input in) {
   while (!in.empty()) {
     const std::string key(in.until('\n'));
     std::string rendered;
-    pairs.push_back(pair(key, in.until('\n'), rendered));
+    pairs.push_back(pair(key, in.until('\n'), document, rendered));
     fuzz::require_equal(pairs.back().text(), rendered, "a pair");
     model += rendered + "\n";
   }
-  fuzz::require_equal(muro::get_plist(pairs), model + "</dict>\n</plist>", "the document");
+  model += "</dict>\n</plist>";
+  fuzz::require_equal(muro::get_plist(pairs), model, "the document");
+  fuzz::require_equal(document.finish(), model, "the document written in one go");
 }
 
 void send(char event, const std::string& text, muro::xml_sax_events& to, std::string& model) {

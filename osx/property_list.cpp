@@ -1,34 +1,10 @@
 #include "osx/property_list.h"
 
+#include "osx/plist_document.h"
 #include "osx/xml_block.h"
 
 namespace muro {
 namespace {
-
-constexpr char kHead[] =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-    "<plist version=\"1.0\">\n"
-    "<dict>\n";
-static_assert(sizeof kHead - 1 == 171);
-
-// Deliberate: no line end after the last line.
-constexpr char kTail[] =
-    "</dict>\n"
-    "</plist>";
-
-void put_key(xml_block& block, const std::string& key) {
-  block.put("<key>");
-  block.put_escaped(key);
-  block.put("</key>\n");
-}
-
-void put_string(xml_block& block, const std::string& value) {
-  block.put("<string>");
-  block.put_escaped(value);
-  block.put("</string>");
-}
 
 std::vector<std::string> strings_until_null(const char** values) {
   std::vector<std::string> strings;
@@ -40,8 +16,7 @@ std::vector<std::string> strings_until_null(const char** values) {
 
 plist_elem::plist_elem(const std::string& key, const std::string& value) {
   xml_block block(text_);
-  put_key(block, key);
-  put_string(block, value);
+  put_string(block, key, value);
   block.finish();
 }
 
@@ -50,25 +25,13 @@ plist_elem::plist_elem(const std::string& key, const char* value)
 
 plist_elem::plist_elem(const std::string& key, bool value) {
   xml_block block(text_);
-  put_key(block, key);
-  if (value) {
-    block.put("<true/>");
-  } else {
-    block.put("<false/>");
-  }
+  put_bool(block, key, value);
   block.finish();
 }
 
 plist_elem::plist_elem(const std::string& key, const std::vector<std::string>& values) {
   xml_block block(text_);
-  put_key(block, key);
-  block.put("<array>\n");
-  for (const std::string& value : values) {
-    block.put("\t");
-    put_string(block, value);
-    block.put("\n");
-  }
-  block.put("</array>");
+  put_strings(block, key, values);
   block.finish();
 }
 
@@ -84,16 +47,16 @@ void plist_elem::add_text(const std::string& name, const std::string& text) {
 }
 
 std::string get_plist(const std::vector<plist_elem>& elements) {
-  std::size_t size = sizeof kHead - 1 + sizeof kTail - 1;
+  std::size_t size = sizeof kPlistHead - 1 + sizeof kPlistTail - 1;
   for (const plist_elem& element : elements) size += element.text().size() + 1;
   std::string document;
   document.reserve(size);
-  document += kHead;
+  document += kPlistHead;
   for (const plist_elem& element : elements) {
     document += element.text();
     document += '\n';
   }
-  document += kTail;
+  document += kPlistTail;
   return document;
 }
 

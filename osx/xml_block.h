@@ -33,8 +33,8 @@ class xml_block {
   static constexpr std::size_t kRoom = 16 * 6 + 16;
   static constexpr std::size_t kSize = 1024;
 
-  void make_room() {
-    if (filled_ > kSize - kRoom) finish();
+  void make_room(std::size_t size = kRoom) {
+    if (filled_ > kSize - size) finish();
   }
   template <xml_escape_mode mode>
   void escape(const unsigned char* at, const unsigned char* end);
@@ -49,8 +49,8 @@ class xml_block {
 
 template <std::size_t size>
 void xml_block::put(const char (&literal)[size]) {
-  static_assert(size <= kRoom);
-  make_room();
+  static_assert(size <= kSize);
+  make_room(size);
   std::memcpy(block_ + filled_, literal, size - 1);
   filled_ += size - 1;
 }

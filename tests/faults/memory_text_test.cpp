@@ -10,6 +10,7 @@
 #include "muro/core/exception.h"
 #include "muro/core/fmt.h"
 #include "netbuf/netbuf_imp.h"
+#include "osx/job_text.h"
 #include "osx/launch_data.h"
 #include "osx/property_list.h"
 #include "osx/xml_writer.h"
@@ -126,6 +127,13 @@ TEST(exhausted_memory, of_a_property_list_gives_none) {
     return muro::get_plist({muro::plist_elem("Label", kLong + "<&>"), muro::plist_elem("On", true),
                             muro::plist_elem("Words", std::vector<std::string>{kLong, "b"})});
   };
+  std::string made;
+  expect_survival({[&] { made.clear(); }, [&] { made = make(); }, [&] { EXPECT_EQ(made, ""); }});
+  EXPECT_EQ(made, make());
+}
+
+TEST(exhausted_memory, of_a_job_file_gives_none) {
+  const auto make = [] { return osx::launchd_agent_text("l", {kLong, std::string(2000, '&')}); };
   std::string made;
   expect_survival({[&] { made.clear(); }, [&] { made = make(); }, [&] { EXPECT_EQ(made, ""); }});
   EXPECT_EQ(made, make());
