@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace xstd {
 
@@ -57,6 +58,14 @@ inline __m128i is_three_byte_value(__m128i code_points) {
 }
 inline __m128i is_four_byte_value(__m128i code_points) {
   return is_within(code_points, 0x10000, 0x10FFFF);
+}
+
+/// Two words as the bytes that they are made of; the words of four bytes twice.
+inline __m128i side_by_side(std::uint64_t first, std::uint64_t last) {
+  return _mm_set_epi64x(static_cast<long long>(last), static_cast<long long>(first));
+}
+inline __m128i side_by_side(std::uint32_t first, std::uint32_t last) {
+  return _mm_set1_epi64x(static_cast<long long>(first | std::uint64_t{last} << 32));
 }
 
 }  // namespace lanes
@@ -166,20 +175,46 @@ inline bool encode_four_in_four_bytes(const unsigned int* source, unsigned char*
   return true;
 }
 
-/// Copies the 16 bytes at `source` to `target`; false if there is one among them that may not be
-/// written as it is in XML: a control, DEL, "&", "<", ">", no ASCII, and where `quote` is set the
-/// double quote.
+/// Whether each byte may be written as it is in XML: no control, DEL, "&", "<", ">", only ASCII, and
+/// where `quote` is set no double quote.
 template <bool quote>
-bool copy_plain_xml(const unsigned char* source, char* target) {
-  const auto is = [](__m128i bytes, char c) { return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(c)); };
-  const __m128i bytes = lanes::load(source);
-  lanes::store(target, bytes);
+bool is_plain_xml(__m128i bytes) {
+  const auto is = [](__m128i some, char c) { return _mm_cmpeq_epi8(some, _mm_set1_epi8(c)); };
   // Signed: what is no ASCII is negative.
   const __m128i control = _mm_or_si128(_mm_cmplt_epi8(bytes, _mm_set1_epi8(' ')), is(bytes, 0x7F));
   // One bit apart: "<" and ">", and "&" and the double quote.
   const __m128i angle = is(_mm_or_si128(bytes, _mm_set1_epi8(0x02)), '>');
   const __m128i other = quote ? is(_mm_or_si128(bytes, _mm_set1_epi8(0x04)), '&') : is(bytes, '&');
   return _mm_movemask_epi8(_mm_or_si128(control, _mm_or_si128(angle, other))) == 0;
+}
+
+/// Copies the 16 bytes at `source` to `target`; false if there is one among them that may not be
+/// written as it is.
+template <bool quote>
+bool copy_plain_xml(const unsigned char* source, char* target) {
+  const __m128i bytes = lanes::load(source);
+  lanes::store(target, bytes);
+  return is_plain_xml<quote>(bytes);
+}
+
+/// The same for `size` bytes, at least as many as `Word` has and at most twice that: as the first
+/// word and the last one, which may overlap.
+template <bool quote, class Word>
+bool copy_plain_xml_ends(const unsigned char* source, std::size_t size, char* target) {
+  Word first, last;
+  std::memcpy(&first, source, sizeof first);
+  std::memcpy(&last, source + size - sizeof last, sizeof last);
+  std::memcpy(target, &first, sizeof first);
+  std::memcpy(target + size - sizeof last, &last, sizeof last);
+  return is_plain_xml<quote>(lanes::side_by_side(first, last));
+}
+
+/// Copies less than 16 bytes; false if one may not be written as it is, or if there are too few of
+/// them for it to be worth while.
+template <bool quote>
+bool copy_short_plain_xml(const unsigned char* source, std::size_t size, char* target) {
+  if (size >= 8) return copy_plain_xml_ends<quote, std::uint64_t>(source, size, target);
+  return size >= 4 && copy_plain_xml_ends<quote, std::uint32_t>(source, size, target);
 }
 
 }  // namespace xstd

@@ -89,15 +89,18 @@ const unsigned char* xml_block::escape_each(const unsigned char* at, const unsig
 
 template <xml_escape_mode mode>
 void xml_block::escape(const unsigned char* at, const unsigned char* end) {
+  constexpr bool kQuote = mode == xml_escape_mode::attribute;
   while (at != end) {
     make_room();
+    char* const to = block_ + filled_;
     const std::size_t left = static_cast<std::size_t>(end - at);
-    if (left >= xstd::kRun &&
-        xstd::copy_plain_xml<mode == xml_escape_mode::attribute>(at, block_ + filled_)) {
-      filled_ += xstd::kRun;
-      at += xstd::kRun;
+    const std::size_t run = left < xstd::kRun ? left : xstd::kRun;
+    if (run == xstd::kRun ? xstd::copy_plain_xml<kQuote>(at, to)
+                          : xstd::copy_short_plain_xml<kQuote>(at, run, to)) {
+      filled_ += run;
+      at += run;
     } else {
-      at = escape_each<mode>(at, at + (left < xstd::kRun ? left : xstd::kRun), end);
+      at = escape_each<mode>(at, at + run, end);
     }
   }
 }

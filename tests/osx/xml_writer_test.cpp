@@ -4,6 +4,7 @@
 
 #include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -84,6 +85,40 @@ TEST(xml_escape, a_character_in_a_long_run_is_written_as_it_is_alone) {
         }
       }
     }
+  }
+}
+
+TEST(xml_escape, a_character_in_a_short_text_is_written_as_it_is_alone) {
+  for (std::size_t length = 0; length < 16; ++length) {
+    const std::string text(length, 'x');
+    ASSERT_EQ(text_of(text), text);
+    for (unsigned value = 0; value < 0x100; ++value) {
+      const std::string c(1, static_cast<char>(value));
+      for (std::size_t at = 0; at <= length; ++at) {
+        const std::string first = text.substr(0, at), last = text.substr(at);
+        ASSERT_EQ(text_of(first + c + last), first + text_of(c) + last);
+        ASSERT_EQ(attribute_of(first + c + last), first + attribute_of(c) + last);
+      }
+    }
+  }
+}
+
+// In memory of just its size, where the address sanitizer sees what is read beside it.
+TEST(xml_escape, a_short_text_is_not_read_beyond_its_end) {
+  for (std::size_t length = 0; length < 40; ++length) {
+    const std::vector<char> exactly(length, 'x');
+    std::string out;
+    muro::escape_xml_text(out, exactly.data(), length);
+    ASSERT_EQ(out, std::string(length, 'x'));
+  }
+}
+
+TEST(xml_escape, long_texts_one_after_another_are_appended) {
+  const std::string text(5000, 'x');
+  std::string out = "<", wanted = "<";
+  for (int i = 0; i < 10; ++i) {
+    muro::escape_xml_text(out, text.data(), text.size());
+    ASSERT_EQ(out, wanted += text);
   }
 }
 
