@@ -1,12 +1,23 @@
 #include "osx/xml_writer.h"
 
+#include <algorithm>
+
 #include "muro/sys/strings.h"
 #include "osx/xml_block.h"
 
 namespace muro {
 namespace {
 
+// Room at once for a text that would have the string grow block by block. At least twice what there
+// was, or many such texts would each have it copied.
+void make_room(std::string& out, std::size_t length) {
+  constexpr std::size_t kLong = 1024;
+  const std::size_t needed = out.size() + length;
+  if (length > kLong && needed > out.capacity()) out.reserve(std::max(needed, 2 * out.capacity()));
+}
+
 void escape(std::string& out, const char* utf8, std::size_t length, xml_escape_mode mode) {
+  make_room(out, length);
   xml_block block(out);
   block.put_escaped({utf8, length}, mode);
   block.finish();
