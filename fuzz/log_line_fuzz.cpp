@@ -246,7 +246,7 @@ void begin(state& fresh) {
 // The queue without the thread behind it, in place of muro/core/log_dumper.cpp.
 namespace muro {
 
-void log_dumper::push(text_parts parts) {
+void log_dumper::push(const text_parts& parts) {
   queued.push(parts);
 }
 

@@ -19,18 +19,18 @@ namespace muro {
 
 namespace {
 
-std::string report_prefix() {
+/// What `g_run_report_level` asks for in front of a line, with `room` for its bytes.
+std::string_view report_prefix(char (&room)[64]) {
   const int report_level = g_run_report_level;
   if (report_level != 1 && report_level != 2) return "";
   const auto process = static_cast<unsigned long long>(::getpid());
   const auto thread = static_cast<unsigned long long>(platform::thread_number());
-  char text[64];
   if (report_level == 1) {
-    std::snprintf(text, sizeof text, "[%llu] ", process);
+    std::snprintf(room, sizeof room, "[%llu] ", process);
   } else {
-    std::snprintf(text, sizeof text, "[%llu:%llu] ", process, thread);
+    std::snprintf(room, sizeof room, "[%llu:%llu] ", process, thread);
   }
-  return text;
+  return room;
 }
 
 bool is_wanted(std::string_view line) try {
@@ -46,24 +46,25 @@ void tell(void (*hook)(const char*, std::size_t), const std::string& line) try {
   // The line is queued; what its observer makes of it is the observer's affair.
 }
 
+/// A line that the filter and the hook are to see as one text.
+void push_observed(const text_parts& parts) {
+  const text_parts without_prefix{"", parts.name, parts.message};
+  std::string line(without_prefix.size(), '\0');
+  without_prefix.copy_to(line.data());
+  if (!is_wanted(line)) return;
+  log_dumper::push(text_parts{parts.prefix, "", line});
+  if (const auto hook = log_line_hook.load()) tell(hook, line);
+}
+
 }  // namespace
 
 void errlog::log(int level, const char* text, std::size_t length) const {
   if (level > log_level) return;
   const errno_guard keep;
-  const std::string prefix = report_prefix();
-  const std::string_view name = name_ != nullptr ? name_ : "";
-  const std::string_view separator = name.empty() ? "" : ": ";
-  const std::string_view message(text, length);
-  const auto hook = log_line_hook.load();
-  if (hook == nullptr && log_filter.load() == nullptr) {
-    return log_dumper::push({prefix, name, separator, message});
-  }
-  std::string line(name);
-  line.append(separator).append(message);
-  if (!is_wanted(line)) return;
-  log_dumper::push({prefix, line});
-  if (hook != nullptr) tell(hook, line);
+  char prefix[64];
+  const text_parts parts{report_prefix(prefix), name_, {text, length}};
+  const bool observed = log_filter.load() != nullptr || log_line_hook.load() != nullptr;
+  observed ? push_observed(parts) : log_dumper::push(parts);
 }
 
 void errlog::log_line_direct(const char* data, std::size_t length, std::size_t prefix_length,

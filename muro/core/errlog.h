@@ -25,12 +25,13 @@ namespace muro {
 
 class xfile;
 
-/// A named log scope. Cheap: it keeps the pointer it is given, which must outlive it. A null or
-/// empty name logs bare texts.
+/// A named log scope. Cheap: it keeps the name where it is, which must outlive it unchanged. A null
+/// or empty name logs bare texts.
 class errlog {
  public:
   /// `flag` is kept and read by nothing.
-  explicit errlog(const char* name, bool flag = false) : name_(name), flag_(flag) {}
+  explicit errlog(const char* name, bool flag = false)
+      : name_(name != nullptr ? name : ""), flag_(flag) {}
 
   /// Logs "NAME: TEXT" unless `level` is above `log_level` or `log_filter` drops it.
   void log(int level, const char* text, std::size_t length) const;
@@ -78,7 +79,7 @@ class errlog {
   };
 
  private:
-  const char* name_;
+  std::string_view name_;
   [[maybe_unused]] bool flag_;
 };
 

@@ -46,8 +46,12 @@ log_dumper::log_dumper()
     : thread(false, "log_dumper", 0), runs_(0x7fffffff, 0), wake_up_(0x7fffffff, 0) {}
 
 log_dumper& log_dumper::instance() {
-  log_dumper* dumper = g_dumper;
-  if (dumper != nullptr) return *dumper;
+  log_dumper* const dumper = g_dumper;
+  return dumper != nullptr ? *dumper : make_instance();
+}
+
+log_dumper& log_dumper::make_instance() {
+  log_dumper* dumper = nullptr;
   auto made = std::make_unique<log_dumper>();
   if (!g_dumper.compare_exchange_strong(dumper, made.get())) return *dumper;
   ::pthread_atfork(nullptr, nullptr, mark_forked);
@@ -65,7 +69,7 @@ void log_dumper::push_entry(const Entry& entry) {
   }
 }
 
-void log_dumper::push(text_parts parts) {
+void log_dumper::push(const text_parts& parts) {
   push_entry(parts);
 }
 

@@ -13,8 +13,6 @@
 /// standard error, without timestamps, and never touches the log file.
 
 #include <atomic>
-#include <initializer_list>
-#include <string_view>
 #include <vector>
 
 #include "muro/core/log_output.h"
@@ -27,14 +25,12 @@ class log_dumper : public thread {
  public:
   log_dumper();
 
-  using text_parts = std::initializer_list<std::string_view>;
-
-  /// Queues a text (its parts put together) or a raw line, and sees to it that the dumper runs. Does no output, except when the thread
-  /// cannot be started: all that is queued then goes to standard error at once, and the next line
-  /// tries to start it again. May be called while a start is failing, on that thread too.
-  /// Where not even locks can be had the entry alone goes there. Throws `std::bad_alloc` alone; the
-  /// entry was not queued then.
-  static void push(text_parts parts);
+  /// Queues a text (its parts put together) or a raw line, and sees to it that the dumper runs. Does
+  /// no output, except when the thread cannot be started: all that is queued then goes to standard
+  /// error at once, and the next line tries to start it again. May be called while a start is failing,
+  /// on that thread too. Where not even locks can be had the entry alone goes there. Throws
+  /// `std::bad_alloc` alone; the entry was not queued then.
+  static void push(const text_parts& parts);
   static void push(const raw_log_line& line);
 
   /// Blocks, without limit, until all that was queued before the call is out. Returns at once when
@@ -48,6 +44,7 @@ class log_dumper : public thread {
   enum class progress { idle, starting, running };
 
   static log_dumper& instance();
+  static log_dumper& make_instance();
 
   template <class Entry>
   static void push_entry(const Entry& entry);

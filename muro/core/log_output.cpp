@@ -164,7 +164,7 @@ void log_output::tell_refusal(const std::string& refusal) {
   told_refusal_ = refusal;
   if (refusal.empty()) return;
   log_queue notice;
-  notice.push({"errlog: ", refusal});
+  notice.push(text_parts{"", "errlog", refusal});
   write_to_stderr(notice, log_stderr_timestamps ? &clock_ : nullptr);
 }
 

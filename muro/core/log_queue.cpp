@@ -10,7 +10,21 @@ namespace {
 /// Timestamp, blank and line end.
 constexpr std::size_t kLineCost = 22;
 
+char* put(char* out, std::string_view text) {
+  return std::copy(text.begin(), text.end(), out);
+}
+
 }  // namespace
+
+void text_parts::copy_to(char* out) const {
+  if (!prefix.empty()) out = put(out, prefix);
+  if (!name.empty()) {
+    out = put(out, name);
+    *out++ = ':';
+    *out++ = ' ';
+  }
+  put(out, message);
+}
 
 log_slice::log_slice(std::size_t entry_size)
     : room_(std::max(kSize, room_for(entry_size))), bytes_(new char[room_]) {}
@@ -25,13 +39,9 @@ char* log_slice::add(std::size_t entry_size, std::size_t length, bool is_raw) {
   return place + sizeof(head);
 }
 
-void log_queue::push(std::initializer_list<std::string_view> parts) {
-  std::size_t size = 0;
-  for (const std::string_view part : parts) size += part.size();
-  char* out = add(size, size, false);
-  for (const std::string_view part : parts) {
-    out += part.copy(out, part.size());
-  }
+void log_queue::push(const text_parts& parts) {
+  const std::size_t size = parts.size();
+  parts.copy_to(add(size, size, false));
 }
 
 void log_queue::push(const raw_log_line& line) {
@@ -40,7 +50,10 @@ void log_queue::push(const raw_log_line& line) {
 
 char* log_queue::add(std::size_t entry_size, std::size_t length, bool is_raw) {
   char* const place = slices_.empty() ? nullptr : slices_.back().add(entry_size, length, is_raw);
-  if (place != nullptr) return place;
+  return place != nullptr ? place : add_to_new_slice(entry_size, length, is_raw);
+}
+
+char* log_queue::add_to_new_slice(std::size_t entry_size, std::size_t length, bool is_raw) {
   // An empty slice that is too small must not stay in front.
   if (empty()) slices_.clear();
   slices_.emplace_back(entry_size);

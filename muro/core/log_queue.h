@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <initializer_list>
 #include <list>
 #include <memory>
 #include <string_view>
@@ -28,6 +27,20 @@ struct raw_log_line {
 
   std::string_view bytes() const { return {data, length}; }
   std::string_view message() const { return log_text::raw_message(bytes(), prefix_length); }
+};
+
+/// A text in the parts that its caller has, "[12] ", "name" and "message": "[12] name: message". The
+/// prefix and the name may be empty.
+struct text_parts {
+  std::string_view prefix;
+  std::string_view name;
+  std::string_view message;
+
+  std::size_t size() const {
+    return prefix.size() + (name.empty() ? 0 : name.size() + 2) + message.size();
+  }
+  /// Writes `size()` bytes.
+  void copy_to(char* out) const;
 };
 
 /// One entry of a queue, which owns its bytes: a text without timestamp and line end, or a raw line.
@@ -92,9 +105,10 @@ class log_queue {
   log_queue(const log_queue&) = delete;
   log_queue& operator=(const log_queue&) = delete;
 
-  /// Adds one text, the parts put together. Throws `std::bad_alloc` alone; nothing was added then.
-  void push(std::initializer_list<std::string_view> parts);
-  /// Adds a raw line; likewise.
+  /// Adds one text, its parts put together. Throws `std::bad_alloc` alone; nothing was added then.
+  void push(const text_parts& parts);
+  /// Adds a text or a raw line; likewise.
+  void push(std::string_view text) { push(text_parts{"", "", text}); }
   void push(const raw_log_line& line);
 
   bool empty() const { return slices_.empty() || slices_.front().empty(); }
@@ -107,6 +121,7 @@ class log_queue {
 
  private:
   char* add(std::size_t entry_size, std::size_t length, bool is_raw);
+  char* add_to_new_slice(std::size_t entry_size, std::size_t length, bool is_raw);
 
   std::list<log_slice> slices_;  // none but a single one is empty
 };

@@ -114,12 +114,6 @@ void rec_mutex::unlock() {
   if (detail::g_thread_calls.mutex_unlock.load()(&mutex_) != 0) throw exception::function("unlock");
 }
 
-rec_lock::rec_lock(rec_mutex* mutex) : mutex_(mutex) {
-  if (mutex_ != nullptr) mutex_->lock();
-}
-
-rec_lock::rec_lock(rec_mutex& mutex) : rec_lock(&mutex) {}
-
 rec_lock::~rec_lock() {
   if (mutex_ == nullptr) return;
   try {

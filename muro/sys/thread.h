@@ -46,8 +46,10 @@ class rec_mutex {
 /// Holds a `rec_mutex` for its lifetime; null holds nothing. Construction throws "lock".
 class rec_lock {
  public:
-  explicit rec_lock(rec_mutex* mutex);
-  explicit rec_lock(rec_mutex& mutex);
+  explicit rec_lock(rec_mutex* mutex) : mutex_(mutex) {
+    if (mutex_ != nullptr) mutex_->lock();
+  }
+  explicit rec_lock(rec_mutex& mutex) : mutex_(&mutex) { mutex_->lock(); }
   ~rec_lock();
   rec_lock(const rec_lock&) = delete;
   rec_lock& operator=(const rec_lock&) = delete;

@@ -53,7 +53,7 @@ void log_batch() {
   }();
   static muro::log_queue batch;
   static int number = 0;
-  for (int i = 0; i < Lines; ++i) batch.push({kPath, std::to_string(++number)});
+  for (int i = 0; i < Lines; ++i) batch.push(muro::text_parts{kPath, "", std::to_string(++number)});
   output.write(batch);
 }
 
