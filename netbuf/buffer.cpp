@@ -15,6 +15,7 @@ buffer::buffer(const buffer& other, std::int32_t offset, std::int32_t length) {
   offset = std::max(offset, 0);
   if (length < 1 || offset >= other.total_) return;
   length = std::min(length, other.total_ - offset);
+  other.forget_rooms();
 
   // No view is empty, so neither loop leaves the other's views.
   std::size_t first = 0;
@@ -40,6 +41,8 @@ void buffer::add(const buffer& other, end where) {
   const std::int32_t added = other.total_;
   const std::size_t count = other.views_.size();
   views_.make_room(count, where);
+  forget_rooms();
+  other.forget_rooms();
   for (std::size_t i = 0; i < count; ++i) {
     // At the front the last view goes first. Added to itself the buffer moves on by one each time.
     const std::size_t back_to_front = count - 1 - (&other == this ? 0 : i);
@@ -58,6 +61,7 @@ void buffer::add_memory(char* memory, std::int32_t length, end where, memory_rig
   refuse_beyond_limit(length);
   views_.make_room(1, where);
   views_.push(view(new cchunk(memory, length, rights, release, context), 0, length), where);
+  forget_rooms();
   total_ += length;
 }
 
@@ -66,6 +70,8 @@ void buffer::take(buffer& other, end where) {
   refuse_beyond_limit(other.total_);
   views_.make_room(other.views_.size(), where);
   views_.take(other.views_, where);
+  forget_rooms();
+  other.forget_rooms();
   total_ += std::exchange(other.total_, 0);
 }
 
@@ -79,6 +85,7 @@ void buffer::gather(std::size_t count, std::int32_t length) {
   chunk* made = new nchunk(length);
   view joined(made, 0, length);
   copy_range(made->memory(), 0, length);
+  forget_rooms();
   while (count-- > 0) views_.pop(end::front);
   views_.push(std::move(joined), end::front);
 }
@@ -99,14 +106,28 @@ std::int32_t buffer::new_chunk_size(std::int32_t n, std::int32_t total) const {
   return std::max(n, std::min(count * 128 + total / 4 + 128, largest_growth_chunk));
 }
 
-char* buffer::allocate_beyond_view(std::int32_t n, end where) {
+void buffer::learn_room(end where) noexcept {
+  const end other = where == end::front ? end::back : end::front;
+  const std::int32_t learnt = room(where);
+  const std::int64_t at_most = std::int64_t{total_} + learnt + std::max(known_room(other), 0);
+  if (views_.size() >= view_count_to_compact || at_most > everything) return forget_rooms();
+  known_room(where) = learnt;
+}
+
+char* buffer::allocate_beyond_room(std::int32_t n, end where) {
   if (n < 1) return nullptr;
   refuse_beyond_limit(n);
   compact();
   // Whatever may throw is done before anything is changed.
-  if (room(where) >= n) return grow_end_view(n, where);
-  views_.make_room(1, where);
-  return grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
+  char* grown;
+  if (room(where) >= n) {
+    grown = grow_end_view(n, where);
+  } else {
+    views_.make_room(1, where);
+    grown = grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
+  }
+  learn_room(where);
+  return grown;
 }
 
 char* buffer::allocate_some(std::int32_t minimum, std::int32_t maximum, end where,
@@ -116,6 +137,7 @@ char* buffer::allocate_some(std::int32_t minimum, std::int32_t maximum, end wher
   refuse_beyond_limit(minimum);
   maximum = std::clamp(maximum, minimum, everything - total_);
   compact();
+  forget_rooms();
   const std::int32_t there = room(where);
   if (there >= minimum) {
     *length = std::min(there, maximum);
@@ -160,12 +182,14 @@ std::string buffer::to_string() {
     std::memcpy(joined.grow(from.length(), end::back), from.data(), length);
     text.append(from.data(), length);
   }
+  forget_rooms();
   views_.clear();
   views_.push(std::move(joined), end::back);
   return text;
 }
 
 void buffer::erase_views(std::int32_t n, end where) noexcept {
+  forget_rooms();
   if (n >= total_) {
     views_.clear();
     total_ = 0;

@@ -39,11 +39,9 @@ class buffer {
   void take(buffer& other, end where);
 
   char* allocate(std::int32_t n, end where) {
-    if (!only_end_view_grows(n)) return allocate_beyond_view(n, where);
-    view& grown = views_.at(where);
-    if (n > grown.room(where)) return allocate_beyond_view(n, where);
-    total_ += n;
-    return grown.grow(n, where);
+    if (n < 1 || n > known_room(where)) return allocate_beyond_room(n, where);
+    known_room(where) -= n;
+    return grow_end_view(n, where);
   }
   char* allocate_some(std::int32_t minimum, std::int32_t maximum, end where, std::int32_t* length);
 
@@ -54,6 +52,7 @@ class buffer {
     if (n < 1) return;
     if (views_.empty() || n >= views_.at(where).length()) return erase_views(n, where);
     total_ -= n;
+    known_room(where) += n;
     views_.at(where).shrink(n, where);
   }
   /// `copy_out` from the front, without removing.
@@ -72,17 +71,23 @@ class buffer {
   // With this many views the next growth first makes one of them.
   static constexpr std::size_t view_count_to_compact = 129;
 
-  /// Whether growth by `n` is a matter of the end view alone, if that has the room: neither too long
-  /// nor too many views. Without views one less than their number is more than any.
-  bool only_end_view_grows(std::int32_t n) const noexcept {
-    return n > 0 && total_ <= std::numeric_limits<std::int32_t>::max() - n &&
-           views_.size() - 1 < view_count_to_compact - 1;
+  // So far below 0 that no erasure from a buffer brings it up to 1.
+  static constexpr std::int32_t room_unknown = std::numeric_limits<std::int32_t>::min();
+
+  /// The part of the room at that end that may be taken with nothing to be asked.
+  std::int32_t& known_room(end where) noexcept {
+    return where == end::front ? front_room_ : back_room_;
   }
+  /// What a change of the views calls, and a buffer whose chunks get another reference.
+  void forget_rooms() const noexcept { front_room_ = back_room_ = room_unknown; }
+  /// What a growth calls: the view at that end is the only one of its chunk.
+  void learn_room(end where) noexcept;
+
   char* grow_end_view(std::int32_t n, end where) noexcept {
     total_ += n;
     return views_.at(where).grow(n, where);
   }
-  char* allocate_beyond_view(std::int32_t n, end where);
+  char* allocate_beyond_room(std::int32_t n, end where);
   void erase_views(std::int32_t n, end where) noexcept;
   std::int32_t copy_views(char* dest, std::int32_t n) const;
 
@@ -97,8 +102,13 @@ class buffer {
   char* grow_by_new_view(chunk* made, std::int32_t n, end where) noexcept;
   void copy_range(char* dest, std::int32_t offset, std::int32_t n) const;
 
-  view_queue views_;
   std::int32_t total_ = 0;
+  view_queue views_;
+  // Known, neither needs the views' number, their chunks' references or the limit to be looked at:
+  // there are fewer views than are made one, their chunks have no other reference, and
+  // `total_` and both rooms together are within the limit. Mutable, as sharing ends that.
+  mutable std::int32_t front_room_ = room_unknown;
+  mutable std::int32_t back_room_ = room_unknown;
 };
 
 }  // namespace netbuf_imp

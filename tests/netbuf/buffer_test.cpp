@@ -13,6 +13,7 @@ using netbuf_imp::after_copy;
 using netbuf_imp::buffer;
 using netbuf_imp::end;
 using netbuf_imp::memory_rights;
+using netbuf_imp::view;
 
 namespace {
 
@@ -52,12 +53,15 @@ void fill(buffer& made, const std::vector<std::string>& views) {
   for (const std::string& bytes : views) put_view(made, bytes);
 }
 
+const view& end_view(const buffer& of, end where) {
+  return of.view_at(where == end::front ? 0 : of.view_count() - 1);
+}
+
 /// Grows by `n` into a new chunk, whatever room there is; the new chunk's capacity.
 std::int32_t capacity_of_growth(buffer& grown, std::int32_t n, end where = end::back) {
   const buffer sharer(grown, 0, everything);
   std::memset(grown.allocate(n, where), 'g', static_cast<std::size_t>(n));
-  const std::size_t i = where == end::front ? 0 : grown.view_count() - 1;
-  return grown.view_at(i).get_chunk()->capacity();
+  return end_view(grown, where).get_chunk()->capacity();
 }
 
 }  // namespace
@@ -198,6 +202,74 @@ TEST_F(buffers, compacting_counts_for_the_size_of_the_next_chunk) {
   const buffer sharer(a, 0, everything);
   a.allocate(1, end::back);
   EXPECT_EQ(a.view_at(1).get_chunk()->capacity(), 128 + grown / 4 + 128);
+}
+
+// Growth goes by what is known of the room at either end: any change of the views ends that.
+TEST_F(buffers, growth_after_a_change_of_the_views_lands_behind_or_before_what_is_there) {
+  using change = void (*)(buffer & changed, buffer & other);
+  const change changes[] = {
+      [](buffer& a, buffer& other) { a.add(other, end::back); },
+      [](buffer& a, buffer& other) { a.add(other, end::front); },
+      [](buffer& a, buffer& other) { other.add(a, end::back); },
+      [](buffer& a, buffer&) { a.add(a, end::back); },
+      [](buffer& a, buffer& other) { a.take(other, end::back); },
+      [](buffer& a, buffer& other) { a.take(other, end::front); },
+      [](buffer& a, buffer& other) { other.take(a, end::back); },
+      [](buffer& a, buffer&) {
+        static char memory[] = "memory";
+        for (end where : both_ends)
+          a.add_memory(memory, 6, where, memory_rights::read_only, nullptr, nullptr);
+      },
+      [](buffer& a, buffer&) {
+        std::int32_t length;
+        a.pull_up(everything, &length);
+      },
+      [](buffer& a, buffer&) { a.to_string(); },
+      [](buffer& a, buffer&) { a.erase(4, end::front); },
+      [](buffer& a, buffer&) { a.erase(5, end::back); },
+      [](buffer& a, buffer&) {
+        for (end where : both_ends) {
+          std::int32_t length;
+          std::memcpy(a.allocate_some(3, 3, where, &length), "new", 3);
+        }
+      },
+  };
+  for (end where : both_ends) {
+    for (std::size_t i = 0; i < std::size(changes); ++i) {
+      SCOPED_TRACE(i);
+      buffer a;
+      put(a, "left", end::front);
+      put(a, "right");
+      buffer other;
+      put(other, "front", end::front);
+      put(other, "back");
+      changes[i](a, other);
+      const std::string before = text(a);
+      const std::string of_other = text(other);
+      put(a, "XYZ", where);
+      EXPECT_EQ(text(a), where == end::back ? before + "XYZ" : "XYZ" + before);
+      EXPECT_EQ(text(other), of_other);
+      const view& grown = end_view(a, where);
+      EXPECT_EQ(grown.get_chunk()->references(), 1);
+      EXPECT_GE(grown.offset(), 0);
+      EXPECT_LE(grown.offset() + grown.length(), grown.get_chunk()->capacity());
+    }
+  }
+}
+
+// The room at each end is more than may be taken, or as much as may be taken at one of them.
+TEST_F(buffers, growth_within_the_room_is_refused_beyond_the_limit) {
+  constexpr std::int32_t chunk_size = 1 << 20;
+  for (const std::int32_t left : {300, chunk_size + 200}) {
+    buffer a;
+    char unread;
+    a.add_memory(&unread, everything - left, end::back, memory_rights::read_only, nullptr, nullptr);
+    for (end where : both_ends) a.allocate(100, where);
+    const std::int32_t rest = left - 200;
+    a.allocate(rest, end::back);
+    for (end where : both_ends) EXPECT_THROW(a.allocate(1, where), std::length_error);
+    EXPECT_EQ(a.size(), everything);
+  }
 }
 
 TEST_F(buffers, erase_removes_whole_views_and_shortens_the_next) {
