@@ -29,6 +29,7 @@ log_file::log_file(const std::string& path, log_memory& memory)
 log_file::~log_file() {
   if (!is_open()) return;
   try {
+    memory_.gathered.resize(whole_lines_);
     write_gathered();
     keep_small();
   } catch (...) {
@@ -54,17 +55,26 @@ void log_file::forget() {
   memory_.identity = {};
 }
 
-void log_file::write(std::string_view line, std::size_t prefix_length) {
-  const log_folder::output output = memory_.folder.fold(line, prefix_length);
+void log_file::end_line(std::size_t prefix_length) {
   std::string& gathered = memory_.gathered;
-  if (output.step_back > gathered.size()) {
-    write_gathered();
-    step_back_ = output.step_back;
-  } else {
-    gathered.resize(gathered.size() - output.step_back);
-  }
-  gathered += output.bytes;
+  const std::string_view line = std::string_view(gathered).substr(whole_lines_);
+  const log_folder::output output = memory_.folder.fold(line, prefix_length);
+  if (output.bytes.data() != line.data()) put_marker(output);
   if (gathered.size() >= kPiece) write_gathered();
+  whole_lines_ = gathered.size();
+}
+
+/// Puts the marker in the place of the last line and of the marker before it.
+void log_file::put_marker(const log_folder::output& marker) {
+  std::string& gathered = memory_.gathered;
+  gathered.resize(whole_lines_);
+  if (marker.step_back > gathered.size()) {
+    write_gathered();
+    step_back_ = marker.step_back;
+  } else {
+    gathered.resize(gathered.size() - marker.step_back);
+  }
+  gathered += marker.bytes;
 }
 
 /// Puts the file at the place for the next piece and gives it; -1 when that cannot be done.

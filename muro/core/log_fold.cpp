@@ -19,7 +19,7 @@ constexpr std::size_t kKeptCapacity = 0x10000;
 
 log_folder::output log_folder::fold(std::string_view line, std::size_t prefix_length) {
   if (is_repeat(line, prefix_length)) return marker(line.substr(0, prefix_length));
-  std::string().swap(marker_);
+  if (!marker_.empty()) std::string().swap(marker_);
   remember(line, prefix_length);
   return {line, 0};
 }

@@ -66,8 +66,8 @@ void gather(std::string& out, const log_slice& slice, log_text::clock* clock) {
   if (clock == nullptr) {
     slice.for_each([&](const log_entry& entry) { append_unstamped(out, entry); });
   } else {
-    clock->now();
-    slice.for_each([&](const log_entry& entry) { append_stamped(out, entry, clock->next()); });
+    const std::string& stamp = clock->now();
+    slice.for_each([&](const log_entry& entry) { append_stamped(out, entry, stamp); });
   }
 }
 
@@ -126,34 +126,33 @@ void log_output::write_slice(const log_slice& slice) {
   }
   const bool echo = log_to_stderr, stamped = log_stderr_timestamps;
   lines_.clear();
-  keeps_lines_ = echo && stamped;
-  const std::string refusal = write_to_file(slice);
+  const std::string refusal = write_to_file(slice, echo && stamped ? &lines_ : nullptr);
   tell_refusal(refusal);
   // A file that must not be written is no reason to lose a line, echo or not.
   if (!echo && refusal.empty()) return;
-  // The file's lines serve the echo too, where they are there and what is wanted.
-  if (!keeps_lines_ || lines_.empty()) gather(lines_, slice, stamped ? &clock_ : nullptr);
+  if (lines_.empty()) gather(lines_, slice, stamped ? &clock_ : nullptr);
   write_bytes_to_stderr(lines_);
 }
 
 /// Gives why the file must not be written; empty when it was, when it cannot be opened at all
-/// (which leaves the echo), and without a file.
-std::string log_output::write_to_file(const log_slice& slice) {
+/// (which leaves the echo), and without a file. `unfolded` (if any) gets the lines too, as they would
+/// stand in the file without folding.
+std::string log_output::write_to_file(const log_slice& slice, std::string* unfolded) {
   const std::string name = log_file_name();
   if (name.empty()) return "";
   const effective_user_gate as_root;
   log_file file(name, memory_);
   if (!file.refusal().empty()) return "log file " + name + " is not used: " + file.refusal();
   if (!file.is_open()) return "";
-  clock_.now();
-  if (keeps_lines_) lines_.reserve(slice.length());
+  if (unfolded != nullptr) unfolded->reserve(slice.length());
+  std::string_view stamp;
   slice.for_each([&](const log_entry& entry) {
-    if (!keeps_lines_) lines_.clear();
-    const std::size_t begin = lines_.size();
-    const std::string& stamp = clock_.next();
-    append_stamped(lines_, entry, stamp);
-    file.write(std::string_view(lines_).substr(begin),
-               entry.raw != nullptr ? entry.raw->prefix_length : stamp.size());
+    std::string& piece = file.piece();
+    const std::size_t begin = piece.size();
+    if (begin == 0) stamp = clock_.now();
+    append_stamped(piece, entry, stamp);
+    if (unfolded != nullptr) unfolded->append(piece, begin);
+    file.end_line(entry.raw != nullptr ? entry.raw->prefix_length : stamp.size());
   });
   return "";
 }

@@ -38,20 +38,20 @@ class log_output {
 
   /// Escapes the texts, writes all entries as the settings say, releases the raw lines and leaves
   /// the queue empty. The file is opened and closed once for a slice, while the effective user is
-  /// held. Each line has the time at which it is written; file and echo of one tell the same. Throws
-  /// nothing: where memory runs out, a part of that slice may stay unwritten.
+  /// held. Lines that are written at once have one time, that at which the first of them is put
+  /// together; file and echo of one tell the same. Throws nothing: where memory runs out, a part of
+  /// that slice may stay unwritten.
   void write(log_queue& batch);
 
  private:
   void write_slice(const log_slice& slice);
-  std::string write_to_file(const log_slice& slice);
+  std::string write_to_file(const log_slice& slice, std::string* unfolded);
   void tell_refusal(const std::string& refusal);
 
   log_memory memory_;
   std::string told_refusal_;  // the one that standard error was told last
   log_text::clock clock_;
-  std::string lines_;         // of the slice at hand, as they stand in the file but not folded
-  bool keeps_lines_ = false;  // all of them, for the echo; else the last one
+  std::string lines_;  // of the slice at hand, for the echo
 };
 
 /// Writes the entries to standard error, releases the raw lines and leaves the queue empty. Texts
@@ -85,11 +85,16 @@ class log_file {
   /// Why the file must not be written; empty when it is open, or could not be opened at all.
   const std::string& refusal() const { return refusal_; }
 
-  /// Writes a line (line end included) or, when it repeats the one before it, its marker.
-  void write(std::string_view line, std::size_t prefix_length);
+  /// What is gathered to be written at once. The next line (line end included) is put together behind
+  /// it; without `end_line` it is dropped.
+  std::string& piece() { return memory_.gathered; }
+  /// Takes the line that has been put together; one that repeats the one before it gives its place to
+  /// its marker.
+  void end_line(std::size_t prefix_length);
 
  private:
   void recall(const std::string& path);
+  void put_marker(const log_folder::output& marker);
   void write_gathered();
   long place_for_gathered();
   void drop_torn_line(long begin, std::size_t written);
@@ -99,8 +104,9 @@ class log_file {
   std::string refusal_;
   xfile file_;
   log_memory& memory_;
-  file_identity identity_;     // of the open file
-  std::size_t step_back_ = 0;  // the gathered bytes go so many before the end
+  file_identity identity_;       // of the open file
+  std::size_t step_back_ = 0;    // the gathered bytes go so many before the end
+  std::size_t whole_lines_ = 0;  // of the gathered bytes
 };
 
 namespace detail {

@@ -2,9 +2,9 @@
 
 #include <time.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <array>
 #include <cstdio>
-#include <cstring>
 
 #include "muro/sys/time.h"
 
@@ -16,29 +16,22 @@ bool must_escape(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == '`';
 }
 
-/// Whether one of eight bytes must be escaped. A byte below 0x20 borrows from its top bit when 0x20
-/// is taken off, and so does a zero byte with 1; bytes from 0x80 up are masked out. A byte behind
-/// one that borrows may be taken for one too, which changes nothing about the answer.
-bool any_must_be_escaped(const char* eight) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101;
-  std::uint64_t bytes;
-  std::memcpy(&bytes, eight, sizeof bytes);
-  const std::uint64_t accents = bytes ^ (kOnes * 0x60);
-  return ((((bytes - kOnes * 0x20) & ~bytes) | ((accents - kOnes) & ~accents)) & (kOnes * 0x80)) !=
-         0;
-}
-
-/// How many bytes there are in front of the first that must be escaped.
-std::size_t plain_length(std::string_view text) {
-  std::size_t at = 0;
-  while (text.size() - at >= 8 && !any_must_be_escaped(text.data() + at)) at += 8;
-  while (at < text.size() && !must_escape(text[at])) ++at;
-  return at;
-}
-
-/// 0 where a host's clock fails.
-long long wait_clock_or_0() noexcept try { return wait_clock_us(); } catch (...) {
-  return 0;
+/// Whether nothing must be escaped, as in nearly all texts. Looks at a row of bytes at once, which
+/// compilers make one step of; the last row may begin within the one before.
+bool is_plain(std::string_view text) {
+  std::array<unsigned char, 16> found{};
+  const auto look_at = [&found](const char* row) {
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      const auto byte = static_cast<unsigned char>(row[i]);
+      found[i] |= static_cast<unsigned char>((byte < 0x20) | (byte == '`'));
+    }
+  };
+  if (text.size() < found.size()) return std::none_of(text.begin(), text.end(), must_escape);
+  for (std::size_t at = 0; at + found.size() <= text.size(); at += found.size()) {
+    look_at(text.data() + at);
+  }
+  look_at(text.data() + text.size() - found.size());
+  return found == std::array<unsigned char, 16>{};
 }
 
 }  // namespace
@@ -50,15 +43,19 @@ void escape(std::string& text) {
 }
 
 void append_escaped(std::string& out, std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t plain = plain_length(text);
-    out.append(text, 0, plain);
-    if (plain == text.size()) return;
+  if (is_plain(text)) {
+    out += text;
+    return;
+  }
+  for (const char c : text) {
+    if (!must_escape(c)) {
+      out += c;
+      continue;
+    }
     constexpr char kDigits[] = "0123456789abcdef";
-    const auto byte = static_cast<unsigned char>(text[plain]);
+    const auto byte = static_cast<unsigned char>(c);
     const char escaped[] = {'`', kDigits[byte >> 4], kDigits[byte & 15]};
     out.append(escaped, sizeof escaped);
-    text.remove_prefix(plain + 1);
   }
 }
 
@@ -83,29 +80,16 @@ std::string timestamp(long long seconds_since_epoch) {
   return text;
 }
 
-const std::string& clock::now() {
-  const long long asked_us = wait_clock_or_0();
-  long long now_ms = 0;
-  try {
-    now_ms = absolute_time();
-  } catch (...) {
-    second_ = -1;
-    over_us_ = 0;
-    return text_ = "N";
-  }
-  const long long second = now_ms / 1000;
+const std::string& clock::now() try {
+  const long long second = absolute_time() / 1000;
   if (second != second_) {
     text_ = timestamp(second);
     second_ = second;
   }
-  // Up to a millisecond early, as that much of the time is cut off.
-  over_us_ = asked_us + (999 - now_ms % 1000) * 1000;
   return text_;
-}
-
-const std::string& clock::next() {
-  const long long at_us = wait_clock_or_0();
-  return at_us != 0 && at_us < over_us_ ? text_ : now();
+} catch (...) {
+  second_ = -1;
+  return text_ = "N";
 }
 
 }  // namespace muro::log_text

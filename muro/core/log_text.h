@@ -29,14 +29,9 @@ class clock {
  public:
   /// "N" when the time cannot be read. Valid until the next call.
   const std::string& now();
-  /// The same for one line after another: `absolute_time`, which takes a system call, is asked again
-  /// only when the second of its last answer is over by the clock of waits. A wall clock that is set
-  /// meanwhile shows by then.
-  const std::string& next();
 
  private:
   long long second_ = -1;
-  long long over_us_ = 0;  // when `second_` is over by the clock of waits; 0: nobody knows
   std::string text_ = "N";
 };
 

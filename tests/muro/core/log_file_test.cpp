@@ -36,13 +36,24 @@ class log_file_test : public test::log_test {
   /// One batch of lines with prefixes of one byte.
   void batch(const std::vector<std::string>& lines) {
     log_file file(path(), memory);
-    for (const std::string& text : lines) file.write(text, 1);
+    for (const std::string& text : lines) test::write_line(file, text, 1);
   }
 
   std::string content() const { return test::read_file(path()); }
 
   muro::log_memory memory;
 };
+
+TEST_F(log_file_test, line_that_is_not_ended_is_dropped) {
+  {
+    log_file file(path(), memory);
+    test::write_line(file, repeated, 1);
+    file.piece() += "P a line for which there was no mem";
+  }
+  EXPECT_EQ(content(), repeated);
+  batch({repeated});
+  EXPECT_EQ(content(), repeated + marker(1));
+}
 
 // Between batches.
 
@@ -90,7 +101,7 @@ TEST_F(log_file_test, marker_does_not_overwrite_an_older_line_of_a_file_that_is_
   ASSERT_EQ(content(), large + marker(1));
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ASSERT_EQ(::truncate(path().c_str(), 1000), 0);
   }
   EXPECT_EQ(content(), large.substr(0, 1000) + marker(2));
@@ -99,9 +110,9 @@ TEST_F(log_file_test, marker_does_not_overwrite_an_older_line_of_a_file_that_is_
 TEST_F(log_file_test, emptied_file_is_gone_on_with_at_its_new_end) {
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ASSERT_EQ(::truncate(path().c_str(), 0), 0);
-    file.write(repeated, 1);
+    test::write_line(file, repeated, 1);
   }
   EXPECT_EQ(content(), repeated) << "no hole";
 }
@@ -110,7 +121,7 @@ TEST_F(log_file_test, file_that_another_process_rotated_is_not_rotated_twice) {
   errlog::set_log_rotate(1, 1);
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ASSERT_EQ(::rename(path().c_str(), (path() + ".0").c_str()), 0);
     test::write_file(path(), "theirs\n");
   }
@@ -125,7 +136,7 @@ TEST_F(log_file_test, file_that_was_removed_is_neither_rotated_nor_made_anew) {
   test::write_file(path() + ".0", "kept\n");
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ::unlink(path().c_str());
   }
   EXPECT_FALSE(muro::file_exists(path()));
@@ -139,9 +150,9 @@ TEST_F(log_file_test, folder_that_is_removed_stays_removed) {
   errlog::set_log_rotate(1, 1);
   {
     log_file file(name, memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     muro::delete_recursive(folder);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
   }
   EXPECT_FALSE(log_file(name, memory).is_open());
   EXPECT_FALSE(muro::file_exists(folder));
@@ -151,7 +162,7 @@ TEST_F(log_file_test, file_that_was_replaced_is_not_cut_by_the_length_of_another
   errlog::set_log_cut(1000);
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ::unlink(path().c_str());
     test::write_file(path(), "theirs\n");
   }
@@ -162,7 +173,7 @@ TEST_F(log_file_test, cut_leaves_a_pipe_under_the_name_alone) {
   errlog::set_log_cut(1000);
   {
     log_file file(path(), memory);
-    file.write(large, 1);
+    test::write_line(file, large, 1);
     ::unlink(path().c_str());
     ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
   }
@@ -279,8 +290,9 @@ TEST_F(log_file_test, process_that_may_write_no_more_leaves_whole_lines) {
     ::setrlimit(RLIMIT_FSIZE, &limit);
     {
       log_file file(own / "log", kept);
-      for (int i = 0; i < 10; ++i) file.write(std::string("P twenty bytes ") + "line\n", 1);
-      for (int i = 0; i < 10; ++i) file.write("P " + std::to_string(i) + " ...\n", 1);
+      for (int i = 0; i < 10; ++i)
+        test::write_line(file, std::string("P twenty bytes ") + "line\n", 1);
+      for (int i = 0; i < 10; ++i) test::write_line(file, "P " + std::to_string(i) + " ...\n", 1);
     }
     const std::string written = test::read_file(own / "log");
     CHECK_THAT(!written.empty() && written.size() <= 100 && written.ends_with('\n'));

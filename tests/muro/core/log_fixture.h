@@ -12,6 +12,7 @@
 #include "muro/core/errlog.h"
 #include "muro/core/exception.h"
 #include "muro/core/hooks.h"
+#include "muro/core/log_output.h"
 #include "muro/sys/thread.h"
 #include "tests/muro/core/own_process.h"
 #include "tests/support/temp_dir.h"
@@ -76,6 +77,12 @@ class log_test : public own_process_test {
 
   const temp_dir dir;
 };
+
+/// Puts a finished line into an open log file.
+inline void write_line(muro::log_file& file, const std::string& line, std::size_t prefix_length) {
+  file.piece() += line;
+  file.end_line(prefix_length);
+}
 
 /// Holds the log's thread in the middle of an otherwise empty batch, so that all that is logged
 /// until `let_go` makes exactly one batch.

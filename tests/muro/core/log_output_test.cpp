@@ -30,8 +30,6 @@ class log_output_test : public test::log_test {
     released.clear();
     sunk.clear();
   }
-  ~log_output_test() override { muro::x_relative_time = nullptr; }
-
   static void sink(const char* text, std::size_t length) { sunk.emplace_back(text, length); }
 
   static void finished(const char* data, std::size_t prefix_length) {
@@ -47,20 +45,23 @@ class log_output_test : public test::log_test {
     return testing::internal::GetCapturedStderr();
   }
 
-  /// While each look at a clock takes a second.
-  static void log_a_and_b_in_one_batch() {
-    muro::x_relative_time = [] { return (++now_s - kStart_s) * 1000; };
+  /// While each look at the clock takes a second. All that is in front of the last line fills a piece,
+  /// with `size` bytes, or a slice.
+  static void log_in_one_batch(std::size_t size) {
+    muro::x_absolute_time = [] { return ++now_s * 1000; };
     const test::held_dumper one_batch;
     fmt_dbg("").fmt_verbose("a");
-    fmt_dbg("").fmt_verbose("b");
+    fmt_dbg("").fmt_verbose(std::string(size, 'b'));
+    fmt_dbg("").fmt_verbose("c");
   }
-  static void expect_a_and_a_later_b(const std::string& lines) {
+  static void expect_one_time_but_for_the_last(const std::string& lines) {
     std::istringstream words(lines);
-    std::string a_time, a, b_time, b, more;
-    ASSERT_TRUE(words >> a_time >> a >> b_time >> b) << lines;
-    EXPECT_FALSE(words >> more) << lines;
-    EXPECT_EQ(a + b, "ab");
-    EXPECT_LT(a_time, b_time);
+    std::string a_time, a, b_time, b, c_time, c, more;
+    ASSERT_TRUE(words >> a_time >> a >> b_time >> b >> c_time >> c);
+    EXPECT_FALSE(words >> more);
+    EXPECT_EQ(a + b[0] + c, "abc");
+    EXPECT_EQ(a_time, b_time);
+    EXPECT_LT(b_time, c_time);
   }
 
   static std::string marker(int count, const std::string& at = kStart) {
@@ -90,17 +91,18 @@ TEST_F(log_output_test, echo_can_be_switched_off) {
   EXPECT_EQ(file(), line("main: a"));
 }
 
-TEST_F(log_output_test, each_line_of_a_batch_has_its_own_time_and_its_echo_the_same) {
+TEST_F(log_output_test, lines_that_are_written_at_once_have_one_time_and_their_echo_the_same) {
   errlog::set_log_to_stderr(true);
-  const std::string echo = stderr_of(log_a_and_b_in_one_batch);
+  const std::string echo = stderr_of([] { log_in_one_batch(70000); });
   EXPECT_EQ(echo, file());
-  expect_a_and_a_later_b(echo);
+  expect_one_time_but_for_the_last(echo);
 }
 
-TEST_F(log_output_test, each_line_of_a_batch_has_its_own_time_without_a_file_too) {
+TEST_F(log_output_test, lines_that_are_echoed_at_once_have_one_time_without_a_file_too) {
   errlog::set_log_to_stderr(true);
   muro::set_log_file_name("");
-  expect_a_and_a_later_b(stderr_of(log_a_and_b_in_one_batch));
+  expect_one_time_but_for_the_last(
+      stderr_of([] { log_in_one_batch(muro::log_slice::kSize - 64); }));
 }
 
 TEST_F(log_output_test, echo_without_timestamps_has_the_escaped_texts_beside_a_file_with_them) {
@@ -449,7 +451,7 @@ TEST_F(log_output_test, gathering_writes_what_single_writes_would) {
     for (std::size_t lines = random() % 40; lines > 0; --lines) {
       const std::size_t size = random() % 20 == 0 ? 70000 : 20 + random() % 2;
       const std::string text = "ab" + std::string(size, static_cast<char>('a' + random() % 2));
-      file.write(text, 2);
+      test::write_line(file, text, 2);
       obvious.write(text, 2);
     }
   }
