@@ -25,8 +25,15 @@ namespace netbuf_imp {
 class buffer {
  public:
   buffer() = default;
+  /// Shares the other's whole content, or a range of it.
+  buffer(const buffer& other) { add(other, end::back); }
   buffer(const buffer& other, std::int32_t offset, std::int32_t length);
   buffer& operator=(const buffer&) = delete;
+
+  /// Each thread keeps the memory of one buffer that it deleted for the next one it makes, until it
+  /// ends. Throws `std::bad_alloc`.
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* memory) noexcept;
 
   std::int32_t size() const noexcept { return total_; }
   /// The views in order. References to them end with the next operation that is not const.

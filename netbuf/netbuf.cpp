@@ -65,7 +65,7 @@ void netbuf::init(const init_args& args) {
 
 netbuf::netbuf() : object_(empty_object()) {}
 
-netbuf::netbuf(const netbuf& other) : netbuf(other, 0, everything) {}
+netbuf::netbuf(const netbuf& other) : object_(other.share()) {}
 
 netbuf::netbuf(netbuf&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
 
@@ -75,6 +75,11 @@ netbuf::netbuf(const netbuf& other, std::int32_t offset, std::int32_t length)
 // Built in, an empty buffer gets its object when something is put into it.
 void* netbuf::empty_object() {
   return built_in_installed_ ? nullptr : g_operations.create();
+}
+
+void* netbuf::share() const {
+  if (const buffer* const self = built_in()) return new buffer(*self);
+  return share(0, everything);
 }
 
 void* netbuf::share(std::int32_t offset, std::int32_t length) const {

@@ -119,6 +119,7 @@ class netbuf {
   }
 
   static void* empty_object();
+  void* share() const;
   void* share(std::int32_t offset, std::int32_t length) const;
   char* allocate_by_table(std::int32_t n, netbuf_imp::end where);
   void erase_by_table(std::int32_t n, netbuf_imp::end where);

@@ -107,7 +107,7 @@ TEST_F(exhausted_memory, is_no_matter_for_an_empty_buffer) {
 
 TEST_F(exhausted_memory, at_assignment_leaves_the_old_content) {
   expect_intact([](netbuf& a, const netbuf& other) { a = other; });
-  expect_intact([](netbuf& a, const netbuf& other) { a = netbuf(other, 1, 3); });
+  expect_intact([](netbuf& a, const netbuf& other) { a = netbuf(other, 1, 8); });
 }
 
 TEST_F(exhausted_memory, at_pull_up_leaves_the_buffer) {
