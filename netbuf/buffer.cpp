@@ -126,7 +126,8 @@ char* buffer::allocate_beyond_room(std::int32_t n, end where) {
     views_.make_room(1, where);
     grown = grow_by_new_view(new nchunk(new_chunk_size(n, total_ + n)), n, where);
   }
-  learn_room(where);
+  // Many buffers grow once, and need to know nothing.
+  if (total_ > n) learn_room(where);
   return grown;
 }
 
