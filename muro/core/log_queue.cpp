@@ -10,21 +10,7 @@ namespace {
 /// Timestamp, blank and line end.
 constexpr std::size_t kLineCost = 22;
 
-char* put(char* out, std::string_view text) {
-  return std::copy(text.begin(), text.end(), out);
-}
-
 }  // namespace
-
-void text_parts::copy_to(char* out) const {
-  if (!prefix.empty()) out = put(out, prefix);
-  if (!name.empty()) {
-    out = put(out, name);
-    *out++ = ':';
-    *out++ = ' ';
-  }
-  put(out, message);
-}
 
 log_slice::log_slice(std::size_t entry_size)
     : room_(std::max(kSize, room_for(entry_size))), bytes_(new char[room_]) {}

@@ -6,6 +6,7 @@
 ///     slice   | head | text ...... | head | text .. | head | raw_log_line |      free      |
 ///             the head tells kind and size; all heads are aligned
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <list>
@@ -40,7 +41,15 @@ struct text_parts {
     return prefix.size() + (name.empty() ? 0 : name.size() + 2) + message.size();
   }
   /// Writes `size()` bytes.
-  void copy_to(char* out) const;
+  void copy_to(char* out) const {
+    out = std::copy(prefix.begin(), prefix.end(), out);
+    if (!name.empty()) {
+      out = std::copy(name.begin(), name.end(), out);
+      *out++ = ':';
+      *out++ = ' ';
+    }
+    std::copy(message.begin(), message.end(), out);
+  }
 };
 
 /// One entry of a queue, which owns its bytes: a text without timestamp and line end, or a raw line.
