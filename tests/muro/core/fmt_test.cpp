@@ -7,6 +7,7 @@
 #include <iomanip>
 #include <locale>
 #include <random>
+#include <vector>
 
 namespace {
 
@@ -109,6 +110,36 @@ TEST(fmt, value_is_not_parsed_again) {
 TEST(fmt, text_may_hold_any_byte) {
   const std::string bytes("\0\x01\xff%", 4);
   EXPECT_EQ(fill(bytes + "x%1%", bytes), bytes + "x" + bytes);
+}
+
+TEST(fmt, literal_of_any_length_is_copied_whole) {
+  for (std::size_t length = 0; length < 50; ++length) {
+    const std::string text(length, 'x');
+    for (std::size_t at = 0; at <= length; ++at) {
+      const std::string first = text.substr(0, at), last = text.substr(at);
+      ASSERT_EQ(fill(first + "%1%" + last, "y"), first + "y" + last);
+      ASSERT_EQ(fill(first + "%%" + last), first + "%" + last);
+      ASSERT_EQ(fill(first + "%" + last), first + "%" + last);
+    }
+  }
+}
+
+// In memory of just its size, where the address sanitizer sees what is read beside it.
+TEST(fmt, template_is_not_read_beyond_its_end) {
+  for (std::size_t length = 0; length < 50; ++length) {
+    const std::vector<char> exactly(length, 'x');
+    ASSERT_EQ(muro::fill_template({exactly.data(), length}, "y"), std::string(length, 'x'));
+  }
+}
+
+TEST(fmt, values_that_occur_often_find_room_beside_the_rest_of_the_template) {
+  const std::string value(300, 'v'), literal(40, 'x');
+  std::string tmpl, wanted;
+  for (int i = 0; i < 20; ++i) {
+    tmpl += "%1%" + literal;
+    wanted += value + literal;
+    ASSERT_EQ(fill(tmpl, value), wanted);
+  }
 }
 
 TEST(fmt, copy_is_independent) {
