@@ -209,6 +209,11 @@ bool copy_plain_xml_ends(const unsigned char* source, std::size_t size, char* ta
   return is_plain_xml<quote>(lanes::side_by_side(first, last));
 }
 
+/// Whether the 16 bytes at `source` are ASCII.
+inline bool is_ascii_run(const unsigned char* source) {
+  return _mm_movemask_epi8(lanes::load(source)) == 0;
+}
+
 /// Copies less than 16 bytes; false if one may not be written as it is, or if there are too few of
 /// them for it to be worth while.
 template <bool quote>

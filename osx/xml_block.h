@@ -39,6 +39,8 @@ class xml_block {
   template <xml_escape_mode mode>
   void escape(const unsigned char* at, const unsigned char* end);
   template <xml_escape_mode mode>
+  void escape_ascii_run(const unsigned char* at);
+  template <xml_escape_mode mode>
   const unsigned char* escape_each(const unsigned char* at, const unsigned char* stop,
                                    const unsigned char* end);
 
