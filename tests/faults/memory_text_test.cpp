@@ -168,7 +168,9 @@ TEST_F(exhausted_memory_at_launchd, gives_no_message) {
 }
 
 TEST_F(exhausted_memory_at_launchd, leaves_the_reply) {
-  const netbuf reply = launch_data::add(launch_data::kErrorNumber, 5, 0);
+  const netbuf whole = launch_data::add(launch_data::kErrorNumber, 5, 0);
+  netbuf reply;  // in more pieces than a buffer has room for in itself
+  for (std::int32_t at = 0; at < whole.size(); at += 4) reply.append(netbuf(whole, at, 4));
   const std::string before = test::content(reply);
   netbuf work;
   const auto take = [&] {
