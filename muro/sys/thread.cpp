@@ -87,6 +87,11 @@ std::int32_t& startup_errors_locked() {
   return *thread_startup_error;
 }
 
+/// Apart, so that a lock that works does nothing for one that fails.
+[[noreturn]] void fail(const char* function) {
+  throw exception::function(function);
+}
+
 void lock_globally() {
   g_global_mutex->lock();
 }
@@ -98,7 +103,7 @@ void unlock_globally() {
 
 rec_mutex::rec_mutex() {
   if (detail::g_thread_calls.mutex_init.load()(&mutex_, &recursive_attribute()) != 0) {
-    throw exception::function("rec_mutex");
+    fail("rec_mutex");
   }
 }
 
@@ -107,11 +112,11 @@ rec_mutex::~rec_mutex() {
 }
 
 void rec_mutex::lock() {
-  if (detail::g_thread_calls.mutex_lock.load()(&mutex_) != 0) throw exception::function("lock");
+  if (detail::g_thread_calls.mutex_lock.load()(&mutex_) != 0) fail("lock");
 }
 
 void rec_mutex::unlock() {
-  if (detail::g_thread_calls.mutex_unlock.load()(&mutex_) != 0) throw exception::function("unlock");
+  if (detail::g_thread_calls.mutex_unlock.load()(&mutex_) != 0) fail("unlock");
 }
 
 rec_lock::~rec_lock() {
@@ -125,11 +130,11 @@ rec_lock::~rec_lock() {
 
 semaphore::semaphore(unsigned /*first*/, unsigned initial) : count_(initial) {
   if (detail::g_thread_calls.mutex_init.load()(&mutex_, nullptr) != 0) {
-    throw exception::function("semaphore");
+    fail("semaphore");
   }
   if (detail::g_thread_calls.cond_init.load()(&condition_) != 0) {
     ::pthread_mutex_destroy(&mutex_);  // the destructor of a half-made object does not run
-    throw exception::function("semaphore");
+    fail("semaphore");
   }
 }
 
@@ -142,7 +147,7 @@ void semaphore::wait() {
   const slock lock(mutex_);
   while (count_ <= 0) {
     if (detail::g_thread_calls.cond_wait.load()(&condition_, &mutex_) != 0) {
-      throw exception::function("wait");
+      fail("wait");
     }
   }
   --count_;
@@ -154,7 +159,7 @@ void semaphore::post() {
   const slock lock(mutex_);
   ++count_;
   if (detail::g_thread_calls.cond_signal.load()(&condition_) != 0) {
-    throw exception::function("post");
+    fail("post");
   }
 }
 
@@ -164,7 +169,7 @@ void semaphore::post_to_stay() {
     ++count_;
   }
   if (detail::g_thread_calls.cond_signal.load()(&condition_) != 0) {
-    throw exception::function("post");
+    fail("post");
   }
 }
 
@@ -176,7 +181,7 @@ bool semaphore::wait_ms(long long ms) {
     const long long left_ms = limit.left_ms();
     if (left_ms == 0) return false;
     const int result = detail::g_thread_calls.cond_timedwait.load()(&condition_, &mutex_, left_ms);
-    if (result != 0 && result != ETIMEDOUT) throw exception::function("cond_");
+    if (result != 0 && result != ETIMEDOUT) fail("cond_");
   }
   --count_;
   return true;
