@@ -188,6 +188,8 @@ class Dispatch(SystemCase):
     def test_options_that_say_yes_are_yes(self):
         for number, word in enumerate(("1", "YES", "true"), 1):
             self.run_helper("-runInstall", word)
+            # Let go by the helper, it may come later.
+            self.mac.wait_until(lambda wanted=number: len(self.mac.launchctl_calls()) >= wanted)
             self.assertEqual(len(self.mac.launchctl_calls()), number)
 
     def test_standard_descriptors_closed_at_start_harm_nothing(self):
