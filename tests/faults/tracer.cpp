@@ -383,13 +383,17 @@ class run {
     return read_text(pid, one.arguments[at] + offsetof(sockaddr_un, sun_path));
   }
 
-  // Programs that the process has started detached, and those that outlived it when it was killed.
+  // Programs that the process has started detached, and those that outlived it when it was killed:
+  // they go on untraced, one that stopped just before its maker was killed, and one that stops now.
   void reap_orphans() {
+    for (const pid_t pid : early_) ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
     const clock::time_point end =
         clock::now() + std::chrono::milliseconds(std::min(kOrphans_ms, job_.limit_ms));
     for (;;) {
-      const pid_t pid = ::waitpid(-1, nullptr, __WALL | WNOHANG);
+      int status = 0;
+      const pid_t pid = ::waitpid(-1, &status, __WALL | WNOHANG);
       if (pid < 0) return;
+      if (pid > 0 && WIFSTOPPED(status)) ::ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
       if (pid > 0) continue;
       if (clock::now() > end) kill_orphans();
       ::usleep(200);
