@@ -36,6 +36,7 @@ class plist_document {
  public:
   plist_document() { block_.put(kPlistHead); }
 
+  /// Each adds a pair behind the others. Texts are UTF-8 and are copied.
   void add_string(std::string_view key, std::string_view value);
   void add_bool(std::string_view key, bool value);
   void add_strings(std::string_view key, const std::vector<std::string>& values);

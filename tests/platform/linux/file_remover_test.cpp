@@ -20,7 +20,6 @@ TEST(file_remover, starts_a_second_thread_with_the_256th_file_and_ends_it) {
     test::write_file(folder / name, "content");
     ASSERT_EQ(files.remove(opened.get(), name.c_str()), 0);
   };
-  test::thread_count();
   // This one, and under the thread sanitizer one of its own.
   ASSERT_TRUE(test::threads_come_down_to(1) || test::thread_count() == 2);
   const auto before = test::thread_count();
