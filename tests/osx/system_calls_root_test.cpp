@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <utmpx.h>
 
@@ -18,9 +17,11 @@ thread_local system_calls* watched = nullptr;
 
 namespace {
 
-template <class... Args>
-long ask_kernel(long number, Args... args) {
-  return ::syscall(number, args...);
+/// The definition that stands behind this program's own: a sanitizer's, which has to see that a
+/// descriptor is closed before its number comes again, or else the C library's.
+template <class Function>
+Function* next(Function*, const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
 bool fails_with(int error) {
@@ -50,9 +51,8 @@ std::vector<std::size_t> lengths_of(const msghdr& message) {
 
 extern "C" {
 
-// The C library's own changes the user of every thread.
 int seteuid(uid_t uid) noexcept {
-  static const auto real = reinterpret_cast<int (*)(uid_t)>(::dlsym(RTLD_NEXT, "seteuid"));
+  static const auto real = next(&seteuid, "seteuid");
   const int result = real(uid);
   spoil_errno();
   return result;
@@ -60,7 +60,8 @@ int seteuid(uid_t uid) noexcept {
 
 int socket(int domain, int type, int protocol) noexcept {
   if (test::watched != nullptr && fails_with(test::watched->socket_error)) return -1;
-  return static_cast<int>(ask_kernel(SYS_socket, domain, type, protocol));
+  static const auto real = next(&socket, "socket");
+  return real(domain, type, protocol);
 }
 
 int connect(int fd, const sockaddr* address, socklen_t length) {
@@ -68,7 +69,8 @@ int connect(int fd, const sockaddr* address, socklen_t length) {
     test::watched->connect_lengths.push_back(length);
     test::watched->connect_users.push_back(::geteuid());
   }
-  return static_cast<int>(ask_kernel(SYS_connect, fd, address, length));
+  static const auto real = next(&connect, "connect");
+  return real(fd, address, length);
 }
 
 ssize_t sendmsg(int fd, const msghdr* message, int flags) {
@@ -81,20 +83,22 @@ ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     test::watched->sent_on_plain_socket &=
         ::fcntl(fd, F_GETFD) == FD_CLOEXEC && (::fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
   }
-  const ssize_t sent = ask_kernel(SYS_sendmsg, fd, message, flags);
+  static const auto real = next(&sendmsg, "sendmsg");
+  const ssize_t sent = real(fd, message, flags);
   spoil_errno();
   return sent;
 }
 
 int close(int fd) {
-  const long result = ask_kernel(SYS_close, fd);
-  if (test::watched != nullptr && fails_with(test::watched->close_error)) return -1;
-  return static_cast<int>(result);
+  static const auto real = next(&close, "close");
+  const int result = real(fd);
+  return test::watched != nullptr && fails_with(test::watched->close_error) ? -1 : result;
 }
 
 int rename(const char* from, const char* to) noexcept {
   if (test::watched != nullptr && test::watched->at_rename) test::watched->at_rename(from, to);
-  return static_cast<int>(ask_kernel(SYS_rename, from, to));
+  static const auto real = next(&rename, "rename");
+  return real(from, to);
 }
 
 int chmod(const char* path, mode_t mode) noexcept {
@@ -102,28 +106,34 @@ int chmod(const char* path, mode_t mode) noexcept {
   char text[32];
   std::snprintf(text, sizeof text, "chmod %o", mode);
   note(text);
-  return static_cast<int>(ask_kernel(SYS_chmod, path, mode));
+  static const auto real = next(&chmod, "chmod");
+  return real(path, mode);
 }
 
 int chown(const char* path, uid_t owner, gid_t group) noexcept {
   note("chown " + std::to_string(owner) + " " + std::to_string(group));
-  return static_cast<int>(ask_kernel(SYS_chown, path, owner, group));
+  static const auto real = next(&chown, "chown");
+  return real(path, owner, group);
 }
 
 void setutxent() {
   note("setutxent");
-  static const auto real = reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "setutxent"));
+  static const auto real = next(&setutxent, "setutxent");
   real();
 }
 
 void endutxent() {
   note("endutxent");
-  static const auto real = reinterpret_cast<void (*)()>(::dlsym(RTLD_NEXT, "endutxent"));
+  static const auto real = next(&endutxent, "endutxent");
   real();
 }
 
 ssize_t recvmsg(int fd, msghdr* message, int flags) {
   if (test::watched != nullptr) test::watched->received_into.push_back(lengths_of(*message)[0]);
-  return ask_kernel(SYS_recvmsg, fd, message, flags);
+  static const auto real = next(&recvmsg, "recvmsg");
+  return real(fd, message, flags);
 }
 }
+
+// Looked up now: a forked child closes descriptors too, and must not look anything up.
+[[maybe_unused]] const int looked_up = ::close(-1);
