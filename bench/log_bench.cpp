@@ -1,8 +1,10 @@
 /// The error log beside other loggers, from its caller's side and from the file's.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,49 @@ const std::vector<std::string>& lines() {
     return texts;
   }();
   return made;
+}
+
+/// The caller has one processor for itself, and the threads that a logger starts have the others, for
+/// all contenders alike. Else the kernel puts a writer that is woken in the caller's place now and
+/// then, and what is told is how long it stays there. Threads inherit where they may run.
+class processors {
+ public:
+  /// Keeps the caller on the processor that it is on.
+  processors() {
+    CPU_ZERO(&callers_);
+    CPU_SET(::sched_getcpu(), &callers_);
+    ::sched_getaffinity(0, sizeof others_, &others_);
+    CPU_XOR(&others_, &others_, &callers_);
+    if (CPU_COUNT(&others_) == 0) others_ = callers_;
+    take(callers_);
+  }
+
+  /// Makes a `Made`, whose threads run on the other processors.
+  template <class Made, class... Arguments>
+  std::unique_ptr<Made> make_on_others(const Arguments&... arguments) const {
+    take(others_);
+    auto made = std::make_unique<Made>(arguments...);
+    take(callers_);
+    return made;
+  }
+
+ private:
+  static void take(const cpu_set_t& set) {
+    if (::sched_setaffinity(0, sizeof set, &set) != 0) std::perror("sched_setaffinity");
+  }
+
+  cpu_set_t callers_;
+  cpu_set_t others_;
+};
+
+const processors& places() {
+  static const processors made;
+  return made;
+}
+
+template <class Logger>
+std::unique_ptr<Logger> make_logger(const bench::destination& to) {
+  return places().make_on_others<Logger>(to);
 }
 
 std::string path_of(const char* row, const char* contender) {
@@ -92,16 +137,16 @@ void add_calls(const char* name) {
   bench::add("log_call/burst", name,
              [name](benchmark::State& state) {
                const std::string path = path_of("burst", name);
-               Logger logger({path});
-               call_in_burst(state, logger);
+               const auto logger = make_logger<Logger>({path});
+               call_in_burst(state, *logger);
                check(state, path, kBurst, 0, kBurst);
              })
       ->UseManualTime()
-      ->Iterations(20);
+      ->Iterations(100);
   bench::add("log_call/asleep", name,
              [name](benchmark::State& state) {
-               Logger logger({path_of("asleep", name)});
-               call_asleep(state, logger);
+               const auto logger = make_logger<Logger>({path_of("asleep", name)});
+               call_asleep(state, *logger);
              })
       ->UseManualTime()
       ->Iterations(100);
@@ -110,15 +155,15 @@ void add_calls(const char* name) {
 void add_limit() {
   bench::add("log_call/burst", "limit",
              [](benchmark::State& state) {
-               bench::log_ring ring("bench");
-               call_in_burst(state, ring);
+               const auto ring = places().make_on_others<bench::log_ring>("bench");
+               call_in_burst(state, *ring);
              })
       ->UseManualTime()
-      ->Iterations(20);
+      ->Iterations(100);
   bench::add("log_call/asleep", "limit",
              [](benchmark::State& state) {
-               bench::log_ring ring("bench");
-               call_asleep(state, ring);
+               const auto ring = places().make_on_others<bench::log_ring>("bench");
+               call_asleep(state, *ring);
              })
       ->UseManualTime()
       ->Iterations(100);
@@ -127,11 +172,11 @@ void add_limit() {
 template <class Logger>
 void log_and_flush(benchmark::State& state, const std::string& path) {
   if (::truncate(path.c_str(), 0) != 0 && errno != ENOENT) std::perror("truncate");
-  Logger logger({path});
+  const auto logger = make_logger<Logger>({path});
   std::size_t next = 0;
   for (auto _ : state) {
-    logger.log(lines()[next++ % kLines]);
-    logger.flush();
+    logger->log(lines()[next++ % kLines]);
+    logger->flush();
   }
   check(state, path, 1, next % kLines, kLines);
 }
@@ -158,12 +203,12 @@ class silent_stderr {
 template <class Logger>
 void write_lines(benchmark::State& state, const bench::destination& to) {
   const silent_stderr silent;
-  Logger logger(to);
+  const auto logger = make_logger<Logger>(to);
   for (auto _ : state) {
     if (!to.rotation) ::truncate(to.path.c_str(), 0) == 0 ? void() : std::perror("truncate");
     const bench::stopwatch watch;
-    for (const std::string& line : lines()) logger.log(line);
-    logger.flush();
+    for (const std::string& line : lines()) logger->log(line);
+    logger->flush();
     state.SetIterationTime(watch.seconds());
   }
   if (to.rotation && ::access(to.path.c_str(), F_OK) != 0) return;  // has just become the older one
@@ -198,10 +243,23 @@ void add_files(const char* name) {
   }
 }
 
+/// The log of this process has one writer, which the first line starts.
+void start_our_writer() {
+  struct first_line : bench::our_log {
+    explicit first_line(const bench::destination& to) : our_log(to) {
+      log("the writer is started");
+      flush();
+    }
+  };
+  places().make_on_others<first_line>(bench::destination{path_of("start", "ours")});
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const muro::init runtime;
+  lines();  // made before anything is timed
+  start_our_writer();
   add_calls<bench::our_log>("ours");
   add_files<bench::our_log>("ours");
   add_limit();

@@ -71,6 +71,7 @@ class log_dumper : public thread {
   log_queue pending_;
   std::vector<semaphore*> waiters_;
 
+  [[maybe_unused]] cache_line_gap gap_;
   batch batch_;        // the thread's own
   log_output output_;  // the thread's own
 };

@@ -52,6 +52,12 @@ struct text_parts {
   }
 };
 
+/// Between what one thread changes all the time and what another one does, or each would wait for
+/// the other's cache. Two lines: some processors fetch them in pairs.
+struct cache_line_gap {
+  char bytes[128];
+};
+
 /// One entry of a queue, which owns its bytes: a text without timestamp and line end, or a raw line.
 struct log_entry {
   std::string_view text;
@@ -74,7 +80,8 @@ class log_slice {
   /// Calls `use` with every entry, oldest first.
   template <class Use>
   void for_each(Use use) const {
-    for (std::size_t at = 0; at != used_;) {
+    const std::size_t end = used_;
+    for (std::size_t at = 0; at != end;) {
       head h;
       std::memcpy(&h, bytes_.get() + at, sizeof h);
       const char* const entry = bytes_.get() + at + sizeof h;
@@ -101,10 +108,13 @@ class log_slice {
   }
   static_assert(sizeof(head) % kAlignment == 0, "raw lines are used where they lie");
 
+  // A caller changes the rest with each line, and what lies beside may be the dumper's.
+  [[maybe_unused]] cache_line_gap before_;
   std::size_t room_;
   std::unique_ptr<char[]> bytes_;
   std::size_t used_ = 0;
   std::size_t length_ = 0;
+  [[maybe_unused]] cache_line_gap behind_;
 };
 
 /// First in, first out. One thread at a time.

@@ -24,13 +24,12 @@ const char* thread_statistics_category = nullptr;
 
 namespace detail {
 
-constinit thread_calls g_thread_calls{::pthread_mutexattr_init,      ::pthread_mutexattr_settype,
-                                      ::pthread_mutex_init,          ::pthread_mutex_lock,
-                                      ::pthread_mutex_unlock,        platform::make_condition,
-                                      ::pthread_cond_wait,           platform::wait_condition,
-                                      ::pthread_cond_signal,         ::pthread_attr_init,
-                                      ::pthread_attr_setdetachstate, ::pthread_attr_getstacksize,
-                                      ::pthread_attr_setstacksize,   ::pthread_create};
+constinit thread_calls g_thread_calls{
+    ::pthread_mutexattr_init,    ::pthread_mutexattr_settype, ::pthread_mutex_init,
+    ::pthread_mutex_trylock,     ::pthread_mutex_lock,        ::pthread_mutex_unlock,
+    platform::make_condition,    ::pthread_cond_wait,         platform::wait_condition,
+    ::pthread_cond_signal,       ::pthread_attr_init,         ::pthread_attr_setdetachstate,
+    ::pthread_attr_getstacksize, ::pthread_attr_setstacksize, ::pthread_create};
 
 void make_thread_attributes(pthread_attr_t& attributes) {
   const thread_calls& calls = g_thread_calls;
@@ -112,7 +111,12 @@ rec_mutex::~rec_mutex() {
 }
 
 void rec_mutex::lock() {
-  if (detail::g_thread_calls.mutex_lock.load()(&mutex_) != 0) fail("lock");
+  const detail::thread_calls& calls = detail::g_thread_calls;
+  for (int look = 0; look < detail::kLooks; ++look) {
+    if (calls.mutex_trylock.load()(&mutex_) == 0) return;
+    __builtin_ia32_pause();
+  }
+  if (calls.mutex_lock.load()(&mutex_) != 0) fail("lock");
 }
 
 void rec_mutex::unlock() {

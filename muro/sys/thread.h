@@ -34,7 +34,7 @@ class rec_mutex {
   ~rec_mutex();
   rec_mutex(const rec_mutex&) = delete;
   rec_mutex& operator=(const rec_mutex&) = delete;
-  /// Throws "lock".
+  /// Waits without limit, awake at first: most are free again in no time. Throws "lock".
   void lock();
   /// Throws "unlock", for example when the caller does not hold the mutex.
   void unlock();

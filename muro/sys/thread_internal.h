@@ -15,6 +15,7 @@ struct thread_calls {
   std::atomic<int (*)(pthread_mutexattr_t*)> mutexattr_init;
   std::atomic<int (*)(pthread_mutexattr_t*, int)> mutexattr_settype;
   std::atomic<int (*)(pthread_mutex_t*, const pthread_mutexattr_t*)> mutex_init;
+  std::atomic<int (*)(pthread_mutex_t*)> mutex_trylock;
   std::atomic<int (*)(pthread_mutex_t*)> mutex_lock;
   std::atomic<int (*)(pthread_mutex_t*)> mutex_unlock;
   std::atomic<int (*)(pthread_cond_t*) noexcept> cond_init;
@@ -28,6 +29,12 @@ struct thread_calls {
   std::atomic<int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> create;
 };
 extern thread_calls g_thread_calls;
+
+/// How often a recursive mutex that is taken is looked at before the caller sleeps for it, some
+/// microseconds in all. What is done under one is mostly shorter than going to sleep; and while one
+/// thread sleeps for a mutex that another takes again and again, each unlock is a system call that
+/// wakes it in vain.
+inline constexpr int kLooks = 100;
 
 /// The largest stack that a thread gets by itself.
 inline constexpr std::size_t kStackCap = 0x200000;

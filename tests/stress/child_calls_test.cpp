@@ -62,6 +62,12 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   note();
   return real(mutex);
 }
+int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
+  static const auto real =
+      reinterpret_cast<int (*)(pthread_mutex_t*)>(::dlsym(RTLD_NEXT, "pthread_mutex_trylock"));
+  note();
+  return real(mutex);
+}
 ssize_t write(int descriptor, const void* bytes, std::size_t count) {
   note();
   return ::syscall(SYS_write, descriptor, bytes, count);

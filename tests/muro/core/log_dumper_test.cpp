@@ -382,6 +382,10 @@ TEST_F(log_process_test, line_goes_to_standard_error_when_no_lock_can_be_made) {
 
 TEST_F(log_dumper_test, line_goes_to_standard_error_when_the_lock_fails) {
   static thread_local bool locks_fail_here = false;
+  const test::replaced taken(
+      g_thread_calls.mutex_trylock, +[](pthread_mutex_t* mutex) {
+        return locks_fail_here ? EBUSY : ::pthread_mutex_trylock(mutex);
+      });
   const test::replaced broken(
       g_thread_calls.mutex_lock, +[](pthread_mutex_t* mutex) {
         return locks_fail_here ? EINVAL : ::pthread_mutex_lock(mutex);

@@ -56,9 +56,57 @@ TEST(rec_mutex, that_cannot_be_made_fails_by_its_own_name) {
   EXPECT_EQ(thrown([] { muro::rec_mutex(); }), ":Error in 'rec_mutex'");
 }
 
+namespace {
+
+/// A mutex that is free from the look number `free_at` on, and counts the sleeps for it.
+class taken_mutex {
+ public:
+  explicit taken_mutex(int free_at) {
+    left_ = free_at;
+    sleeps_ = 0;
+  }
+  static int sleeps() { return sleeps_; }
+
+ private:
+  static int look(pthread_mutex_t* mutex) {
+    return --left_ > 0 ? EBUSY : ::pthread_mutex_trylock(mutex);
+  }
+  static int sleep(pthread_mutex_t* mutex) {
+    ++sleeps_;
+    return ::pthread_mutex_lock(mutex);
+  }
+
+  inline static int left_ = 0;
+  inline static int sleeps_ = 0;
+  replaced<std::atomic<int (*)(pthread_mutex_t*)>, int (*)(pthread_mutex_t*)> look_{
+      g_thread_calls.mutex_trylock, look};
+  replaced<std::atomic<int (*)(pthread_mutex_t*)>, int (*)(pthread_mutex_t*)> sleep_{
+      g_thread_calls.mutex_lock, sleep};
+};
+
+}  // namespace
+
+TEST(rec_mutex, nobody_sleeps_for_one_that_is_free_soon) {
+  muro::rec_mutex mutex;
+  const taken_mutex soon_free(muro::detail::kLooks);
+  mutex.lock();
+  EXPECT_EQ(soon_free.sleeps(), 0);
+  mutex.unlock();
+}
+
+TEST(rec_mutex, one_that_stays_taken_is_waited_for_asleep) {
+  muro::rec_mutex mutex;
+  const taken_mutex taken(muro::detail::kLooks + 1);
+  mutex.lock();
+  EXPECT_EQ(taken.sleeps(), 1);
+  mutex.unlock();
+}
+
 TEST(rec_mutex, failures_of_lock_and_unlock_carry_their_names) {
   muro::rec_mutex mutex;
   {
+    const replaced look(
+        g_thread_calls.mutex_trylock, +[](pthread_mutex_t*) { return EAGAIN; });
     const replaced call(
         g_thread_calls.mutex_lock, +[](pthread_mutex_t*) { return EAGAIN; });
     EXPECT_EQ(thrown([&] { mutex.lock(); }), ":Error in 'lock'");
