@@ -119,8 +119,7 @@ void log_dumper::wait() {
   const rec_lock dumper_is_out(mutex_);
 }
 
-void log_dumper::start_if_needed() {
-  if (progress_ != progress::idle) return;
+void log_dumper::start_dumping() {
   // Whoever comes here while a start is under way leaves his line to it: another thread, or this
   // one with the report that the start is failing.
   progress expected = progress::idle;

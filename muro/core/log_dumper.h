@@ -53,7 +53,10 @@ class log_dumper : public thread {
   void wake_up();
   void wait();
   bool queue_is_idle_locked() const { return pending_.empty() && waiters_.empty(); }
-  void start_if_needed();
+  void start_if_needed() {
+    if (progress_ == progress::idle) start_dumping();
+  }
+  void start_dumping();
 
   struct batch {
     log_queue entries;

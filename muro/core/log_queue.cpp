@@ -5,25 +5,8 @@
 
 namespace muro {
 
-namespace {
-
-/// Timestamp, blank and line end.
-constexpr std::size_t kLineCost = 22;
-
-}  // namespace
-
 log_slice::log_slice(std::size_t entry_size)
     : room_(std::max(kSize, room_for(entry_size))), bytes_(new char[room_]) {}
-
-char* log_slice::add(std::size_t entry_size, std::size_t length, bool is_raw) {
-  const std::size_t room = room_for(entry_size);
-  if (room > room_ - used_ || length_ >= kSize) return nullptr;
-  char* const place = bytes_.get() + used_;
-  new (place) head{entry_size, is_raw};
-  used_ += room;
-  length_ += length + kLineCost;
-  return place + sizeof(head);
-}
 
 void log_queue::push(const text_parts& parts) {
   const std::size_t size = parts.size();

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "muro/core/log_text.h"
@@ -75,7 +76,15 @@ class log_slice {
 
   /// Makes an entry and gives the place of its bytes; null when the slice takes no more. `length` is
   /// what the line counts for.
-  char* add(std::size_t entry_size, std::size_t length, bool is_raw);
+  char* add(std::size_t entry_size, std::size_t length, bool is_raw) {
+    const std::size_t room = room_for(entry_size);
+    if (room > room_ - used_ || length_ >= kSize) return nullptr;
+    char* const place = bytes_.get() + used_;
+    new (place) head{entry_size, is_raw};
+    used_ += room;
+    length_ += length + kLineCost;
+    return place + sizeof(head);
+  }
 
   /// Calls `use` with every entry, oldest first.
   template <class Use>
@@ -102,6 +111,8 @@ class log_slice {
     std::size_t size;
     bool is_raw;
   };
+  /// Timestamp, blank and line end.
+  static constexpr std::size_t kLineCost = 22;
   static constexpr std::size_t kAlignment = alignof(std::max_align_t);
   static constexpr std::size_t room_for(std::size_t entry_size) {
     return (sizeof(head) + entry_size + kAlignment - 1) / kAlignment * kAlignment;

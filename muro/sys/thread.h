@@ -40,6 +40,10 @@ class rec_mutex {
   void unlock();
 
  private:
+  friend class rec_lock;
+
+  void lock_taken();
+
   pthread_mutex_t mutex_;
 };
 
